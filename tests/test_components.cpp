@@ -1,0 +1,252 @@
+// Ownership of components and collection items, free notification, names,
+// and Assign between persistent objects.
+#include <gtest/gtest.h>
+
+#include "vel/rtl/Components.h"
+#include "vel/rtl/Lists.h"
+#include "vel/rtl/TypInfo.h"
+
+using namespace vel;
+
+namespace comp {
+
+// Counts live instances so that tests can tell what was freed.
+struct Counter {
+  int Live = 0;
+  int Freed = 0;
+};
+
+class TCounted : public TComponent {
+  VEL_CLASS(TCounted, TComponent)
+ public:
+  explicit TCounted(TComponent* AOwner = nullptr) : TComponent(AOwner) {}
+  TCounted(TComponent* AOwner, Counter* C) : TComponent(AOwner), FCounter(C) { ++C->Live; }
+  ~TCounted() override {
+    if (FCounter) {
+      --FCounter->Live;
+      ++FCounter->Freed;
+    }
+  }
+  // Every removal notification that reached this component, in order.
+  std::vector<std::pair<TComponent*, TOperation>> Heard;
+  void Notification(TComponent* AComponent, TOperation Operation) override {
+    Heard.emplace_back(AComponent, Operation);
+    TComponent::Notification(AComponent, Operation);
+  }
+
+ private:
+  Counter* FCounter = nullptr;
+};
+
+class TItem : public TCollectionItem {
+  VEL_CLASS(TItem, TCollectionItem)
+ public:
+  explicit TItem(TCollection* C = nullptr) : TCollectionItem(C) { ++Live; }
+  ~TItem() override { --Live; }
+  int32_t Value = 0;
+  void Assign(TPersistent* Source) override {
+    if (auto* S = dynamic_cast<TItem*>(Source)) {
+      Value = S->Value;
+      return;
+    }
+    TCollectionItem::Assign(Source);
+  }
+  static inline int Live = 0;
+};
+
+}  // namespace comp
+
+using namespace comp;
+VEL_IMPLEMENT(TCounted)
+VEL_PUBLISHED(TItem, prop("Value", &TItem::Value))
+
+TEST(Components, OwnerFreesOwnedComponentsOnce) {
+  Counter C;
+  auto* Root = new TCounted(nullptr, &C);
+  auto* A = new TCounted(Root, &C);
+  auto* B = new TCounted(Root, &C);
+  new TCounted(A, &C);  // grandchild
+  EXPECT_EQ(C.Live, 4);
+  EXPECT_EQ(Root->ComponentCount(), 2);
+  EXPECT_EQ(Root->Components(0), A);
+  EXPECT_EQ(B->ComponentIndex(), 1);
+  EXPECT_EQ(A->Owner(), Root);
+
+  // Freeing a child removes it from its owner.
+  delete B;
+  EXPECT_EQ(Root->ComponentCount(), 1);
+  EXPECT_EQ(C.Freed, 1);
+
+  delete Root;
+  EXPECT_EQ(C.Live, 0);
+  EXPECT_EQ(C.Freed, 4);
+}
+
+TEST(Components, InsertRemoveAndIndexErrors) {
+  TComponent Owner1, Owner2;
+  auto* X = new TComponent(&Owner1);
+  Owner2.InsertComponent(X);  // moves it
+  EXPECT_EQ(Owner1.ComponentCount(), 0);
+  EXPECT_EQ(X->Owner(), &Owner2);
+  Owner2.RemoveComponent(X);
+  EXPECT_EQ(X->Owner(), nullptr);
+  delete X;
+  try {
+    Owner1.Components(0);
+    FAIL() << "no exception";
+  } catch (const EListError& E) {
+    EXPECT_STREQ(E.what(), "List index out of bounds (0)");
+  }
+}
+
+TEST(Components, NamesAreValidatedAndUniquePerOwner) {
+  TComponent Owner;
+  auto* A = new TComponent(&Owner);
+  auto* B = new TComponent(&Owner);
+  A->SetName("Button1");
+  EXPECT_EQ(Owner.FindComponent("BUTTON1"), A);
+  try {
+    B->SetName("button1");
+    FAIL() << "no exception";
+  } catch (const EComponentError& E) {
+    EXPECT_STREQ(E.what(), "A component named button1 already exists");
+  }
+  try {
+    B->SetName("1abc");
+    FAIL() << "no exception";
+  } catch (const EComponentError& E) {
+    EXPECT_STREQ(E.what(), "'1abc' is not a valid component name");
+  }
+  A->SetName("BUTTON1");  // a change of letter case only is allowed
+  EXPECT_EQ(A->Name(), "BUTTON1");
+  B->SetName("");
+  EXPECT_EQ(Owner.FindComponent(""), nullptr);
+  // Inserting a component whose name is taken fails and leaves it alone.
+  TComponent Stranger;
+  auto* C = new TComponent(&Stranger);
+  C->SetName("Button1");
+  EXPECT_THROW(Owner.InsertComponent(C), EComponentError);
+  EXPECT_EQ(C->Owner(), &Stranger);
+  // Name and Tag are published; Name is never stored.
+  EXPECT_FALSE(IsStoredProp(A, "Name"));
+  SetOrdProp(A, "Tag", 12);
+  EXPECT_EQ(A->Tag(), 12);
+  SetStrProp(A, "Name", "Renamed");
+  EXPECT_EQ(A->Name(), "Renamed");
+}
+
+TEST(Components, FreeNotificationReachesOtherTrees) {
+  Counter C;
+  auto* Watcher = new TCounted(nullptr, &C);
+  auto* Watched = new TCounted(nullptr, &C);
+  Watched->FreeNotification(Watcher);
+  delete Watched;
+  ASSERT_EQ(Watcher->Heard.size(), 1u);
+  EXPECT_EQ(Watcher->Heard[0].first, Watched);
+  EXPECT_EQ(Watcher->Heard[0].second, opRemove);
+
+  // Both directions, and no notice after RemoveFreeNotification.
+  auto* Other = new TCounted(nullptr, &C);
+  Other->FreeNotification(Watcher);
+  Other->RemoveFreeNotification(Watcher);
+  delete Other;
+  EXPECT_EQ(Watcher->Heard.size(), 1u);
+
+  auto* Peer = new TCounted(nullptr, &C);
+  Watcher->FreeNotification(Peer);
+  delete Watcher;  // the peer hears of the watcher's end
+  ASSERT_EQ(Peer->Heard.size(), 1u);
+  EXPECT_EQ(Peer->Heard[0].second, opRemove);
+  delete Peer;  // must not notify the freed watcher (the sanitizers would see it)
+  EXPECT_EQ(C.Live, 0);
+}
+
+TEST(Components, OwnerHearsInsertAndRemoveAndPassesThemOn) {
+  Counter C;
+  TCounted Root(nullptr, &C);
+  auto* Child = new TCounted(&Root, &C);
+  ASSERT_EQ(Root.Heard.size(), 1u);
+  EXPECT_EQ(Root.Heard[0].second, opInsert);
+  auto* Second = new TCounted(&Root, &C);
+  // The first child heard of its sibling's arrival through the owner.
+  ASSERT_EQ(Child->Heard.size(), 1u);
+  EXPECT_EQ(Child->Heard[0].first, Second);
+  delete Second;
+  EXPECT_EQ(Root.Heard.back().first, Second);
+  EXPECT_EQ(Root.Heard.back().second, opRemove);
+  EXPECT_EQ(Child->Heard.back().second, opRemove);
+}
+
+TEST(Collections, AddCreatesItemsOfTheItemClassAndOwnsThem) {
+  {
+    TCollection Col(TItem::StaticClass());
+    auto* A = static_cast<TItem*>(Col.Add());
+    auto* B = static_cast<TItem*>(Col.Add());
+    EXPECT_EQ(A->ClassType(), TItem::StaticClass());
+    EXPECT_EQ(A->Collection(), &Col);
+    EXPECT_EQ(Col.Count(), 2);
+    EXPECT_EQ(B->Index(), 1);
+    EXPECT_EQ(Col.FindItemID(B->ID()), B);
+    EXPECT_EQ(TItem::Live, 2);
+    delete A;  // an item freed on its own leaves the collection
+    EXPECT_EQ(Col.Count(), 1);
+    EXPECT_EQ(Col.Items(0), B);
+    Col.Add();
+    Col.Add();
+    Col.Delete(0);
+    EXPECT_EQ(TItem::Live, 2);
+    B = static_cast<TItem*>(Col.Items(0));
+    B->SetIndex(1);
+    EXPECT_EQ(Col.Items(1), B);
+    try {
+      Col.Items(2);
+      FAIL() << "no exception";
+    } catch (const EListError& E) {
+      EXPECT_STREQ(E.what(), "List index out of bounds (2)");
+    }
+  }
+  EXPECT_EQ(TItem::Live, 0);  // the collection freed the rest
+}
+
+TEST(Collections, AssignCopiesItemsAndMovingBetweenCollections) {
+  TCollection Src(TItem::StaticClass()), Dst(TItem::StaticClass());
+  for (int I = 0; I < 3; ++I) static_cast<TItem*>(Src.Add())->Value = I * 10;
+  Dst.Add();
+  Dst.Assign(&Src);
+  ASSERT_EQ(Dst.Count(), 3);
+  EXPECT_EQ(static_cast<TItem*>(Dst.Items(2))->Value, 20);
+  TCollectionItem* Moved = Src.Items(0);
+  Moved->SetCollection(&Dst);
+  EXPECT_EQ(Src.Count(), 2);
+  EXPECT_EQ(Dst.Count(), 4);
+  EXPECT_EQ(Dst.Items(3), Moved);
+  Dst.Clear();
+  EXPECT_EQ(Dst.Count(), 0);
+  EXPECT_EQ(TItem::Live, 2);
+}
+
+TEST(Collections, LargeClearIsLinear) {
+  // 200,000 items: quadratic removal would take minutes under the sanitizers.
+  TCollection Col(TItem::StaticClass());
+  for (int I = 0; I < 200000; ++I) Col.Add();
+  EXPECT_EQ(Col.Count(), 200000);
+  Col.Clear();
+  EXPECT_EQ(TItem::Live, 0);
+}
+
+TEST(Persistent, AssignErrorsNameBothClasses) {
+  TPersistent A;
+  TCollection B;
+  try {
+    A.Assign(&B);
+    FAIL() << "no exception";
+  } catch (const EConvertError& E) {
+    EXPECT_STREQ(E.what(), "Cannot assign a TCollection to a TPersistent");
+  }
+  try {
+    A.Assign(nullptr);
+    FAIL() << "no exception";
+  } catch (const EConvertError& E) {
+    EXPECT_STREQ(E.what(), "Cannot assign a nil to a TPersistent");
+  }
+}
