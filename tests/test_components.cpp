@@ -250,3 +250,35 @@ TEST(Persistent, AssignErrorsNameBothClasses) {
     EXPECT_STREQ(E.what(), "Cannot assign a nil to a TPersistent");
   }
 }
+
+TEST(ComponentLists, ForgetComponentsFreedElsewhereAndFreeTheRest) {
+  Counter C;
+  {
+    TComponentList Owning;  // owns its components
+    auto* A = new TCounted(nullptr, &C);
+    auto* B = new TCounted(nullptr, &C);
+    auto* D = new TCounted(nullptr, &C);
+    Owning.Add(A);
+    Owning.Add(B);
+    Owning.Add(D);
+    delete B;  // freed elsewhere: the list drops it instead of keeping a dangling pointer
+    ASSERT_EQ(Owning.Count(), 2);
+    EXPECT_EQ(Owning.Items(0), A);
+    EXPECT_EQ(Owning.Items(1), D);
+    EXPECT_EQ(Owning.Extract(D), D);  // handed back, not freed
+    EXPECT_EQ(C.Live, 2);
+    delete D;
+    EXPECT_EQ(Owning.Count(), 1);
+  }
+  EXPECT_EQ(C.Live, 0);  // the owning list freed A exactly once
+
+  auto* Kept = new TCounted(nullptr, &C);
+  {
+    TComponentList Borrowing(false);
+    Borrowing.Add(Kept);
+  }
+  EXPECT_EQ(C.Live, 1);  // a list that does not own never frees
+  delete Kept;           // and the list no longer watches it
+  EXPECT_EQ(C.Live, 0);
+  EXPECT_TRUE(TComponentList::StaticClass()->InheritsFrom(TObjectList::StaticClass()));
+}

@@ -363,4 +363,40 @@ VEL_IMPLEMENT(TOwnedCollection)
 TOwnedCollection::TOwnedCollection(TPersistent* AOwner, TClass AItemClass)
     : TCollection(AItemClass), FOwner(AOwner) {}
 
+// ---------------------------------------------------------------------------
+// Component lists
+
+// Receives the free notifications of the components in a list.
+class TComponentList::TNexus : public TComponent {
+ public:
+  explicit TNexus(TComponentList* AList) : FList(AList) {}
+  void Notification(TComponent* AComponent, TOperation Operation) override {
+    if (Operation == opRemove && FList && AComponent) FList->Extract(AComponent);
+    TComponent::Notification(AComponent, Operation);
+  }
+  TComponentList* FList;
+};
+
+VEL_IMPLEMENT(TComponentList)
+
+TComponentList::TComponentList(bool AOwnsObjects)
+    : TObjectList(AOwnsObjects), FNexus(new TNexus(this)) {}
+
+TComponentList::~TComponentList() {
+  // Clear here, while this class's Notify still runs, so that every
+  // component forgets the nexus before it goes.
+  Clear();
+  FNexus->FList = nullptr;
+  delete FNexus;
+}
+
+void TComponentList::Notify(void* Ptr, TListNotification Action) {
+  if (Ptr) {
+    auto* C = static_cast<TComponent*>(Ptr);
+    if (Action == lnAdded) C->FreeNotification(FNexus);
+    else C->RemoveFreeNotification(FNexus);
+  }
+  TObjectList::Notify(Ptr, Action);
+}
+
 }  // namespace vel

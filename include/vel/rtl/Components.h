@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "vel/rtl/Lists.h"
 #include "vel/rtl/Persistent.h"
 
 namespace vel {
@@ -189,6 +190,37 @@ class VEL_API TOwnedCollection : public TCollection {
 
  private:
   TPersistent* FOwner = nullptr;
+};
+
+// An object list of components that forgets a component when it is freed
+// elsewhere (through free notification), and frees the components it still
+// holds when it owns them.
+class VEL_API TComponentList : public TObjectList {
+  VEL_CLASS(TComponentList, TObjectList)
+ public:
+  explicit TComponentList(bool AOwnsObjects = true);
+  ~TComponentList() override;
+
+  int Add(TComponent* AComponent) { return TObjectList::Add(AComponent); }
+  void Insert(int Index, TComponent* AComponent) { TObjectList::Insert(Index, AComponent); }
+  int IndexOf(TComponent* AComponent) const { return TObjectList::IndexOf(AComponent); }
+  int Remove(TComponent* AComponent) { return TObjectList::Remove(AComponent); }
+  TComponent* Extract(TComponent* Item) {
+    return static_cast<TComponent*>(TObjectList::Extract(Item));
+  }
+  TComponent* GetItem(int Index) const { return static_cast<TComponent*>(Get(Index)); }
+  void SetItem(int Index, TComponent* AComponent) { Put(Index, AComponent); }
+  TComponent* Items(int Index) const { return GetItem(Index); }
+  TComponent* operator[](int Index) const { return GetItem(Index); }
+  TComponent* First() const { return static_cast<TComponent*>(TList::First()); }
+  TComponent* Last() const { return static_cast<TComponent*>(TList::Last()); }
+
+ protected:
+  void Notify(void* Ptr, TListNotification Action) override;
+
+ private:
+  class TNexus;
+  TNexus* FNexus;
 };
 
 }  // namespace vel
