@@ -1,0 +1,713 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+#include <unistd.h>
+#include <string>
+#include <vector>
+
+#include "vel/rtl/StringLists.h"
+#include "vel/rtl/Streams.h"
+#include "vel/rtl/TypInfo.h"
+
+namespace vel::test_stringlists {
+namespace {
+
+std::vector<std::string> Lines(const TStrings& L) {
+  std::vector<std::string> R;
+  for (int I = 0; I < L.Count(); ++I) R.push_back(L[I]);
+  return R;
+}
+
+using V = std::vector<std::string>;
+
+void Fill(TStrings& L, const V& Values) {
+  for (const std::string& S : Values) L.Add(S);
+}
+
+template <class F>
+std::string MessageOf(F&& Body) {
+  try {
+    Body();
+  } catch (const EStringListError& E) {
+    return E.Message();
+  }
+  return "<no EStringListError>";
+}
+
+V CommaSplit(const std::string& Text) {
+  TStringList L;
+  L.SetCommaText(Text);
+  return Lines(L);
+}
+
+std::string CommaJoin(const V& Values) {
+  TStringList L;
+  Fill(L, Values);
+  return L.CommaText();
+}
+
+// Counts OnChanging/OnChange and what the list held at each call.
+class TWatcher : public TObject {
+ public:
+  int Changing = 0, Changed = 0;
+  std::vector<int> CountAtChanging, CountAtChanged;
+  bool FailChanging = false;
+  void OnChanging(TObject* Sender) {
+    if (FailChanging) throw EAbort("refused");
+    ++Changing;
+    CountAtChanging.push_back(static_cast<TStrings*>(Sender)->Count());
+  }
+  void OnChange(TObject* Sender) {
+    ++Changed;
+    CountAtChanged.push_back(static_cast<TStrings*>(Sender)->Count());
+  }
+  void Attach(TStringList& L) {
+    L.OnChanging = TNotifyEvent::Bind<&TWatcher::OnChanging>(this);
+    L.OnChange = TNotifyEvent::Bind<&TWatcher::OnChange>(this);
+  }
+};
+
+class TMarker : public TObject {
+ public:
+  static inline int Destroyed = 0;
+  ~TMarker() override { ++Destroyed; }
+};
+
+// The smallest TStrings: lines only, no objects, to check the defaults of
+// the base class.
+class TPlainStrings : public TStrings {
+ public:
+  V Data;
+  std::string Get(int Index) const override { return Data.at(static_cast<size_t>(Index)); }
+  int GetCount() const override { return static_cast<int>(Data.size()); }
+  void Insert(int Index, const std::string& S) override {
+    Data.insert(Data.begin() + Index, S);
+  }
+  void Delete(int Index) override { Data.erase(Data.begin() + Index); }
+  void Clear() override { Data.clear(); }
+};
+
+std::string TempPath(const char* Name) {
+#ifdef VEL_TEST_TMPDIR
+  std::string Dir = VEL_TEST_TMPDIR;
+#else
+  std::string Dir = "/tmp";
+#endif
+  return Dir + "/" + Name + "." + std::to_string(::getpid());
+}
+
+// ---------------------------------------------------------------------------
+// Basic access and errors
+
+TEST(TStringListTest, IndexErrorsCarryTheRuntimeMessages) {
+  TStringList L;
+  Fill(L, {"a", "b"});
+  EXPECT_EQ(MessageOf([&] { L.Get(2); }), "List index out of bounds (2)");
+  EXPECT_EQ(MessageOf([&] { L.Strings(-1); }), "List index out of bounds (-1)");
+  EXPECT_EQ(MessageOf([&] { L.Objects(5); }), "List index out of bounds (5)");
+  EXPECT_EQ(MessageOf([&] { L.SetStrings(2, "x"); }), "List index out of bounds (2)");
+  EXPECT_EQ(MessageOf([&] { L.SetObjects(-3, nullptr); }), "List index out of bounds (-3)");
+  EXPECT_EQ(MessageOf([&] { L.Delete(2); }), "List index out of bounds (2)");
+  EXPECT_EQ(MessageOf([&] { L.Insert(3, "x"); }), "List index out of bounds (3)");
+  EXPECT_EQ(MessageOf([&] { L.Exchange(0, 2); }), "List index out of bounds (2)");
+  EXPECT_EQ(MessageOf([&] { L.Move(0, 2); }), "List index out of bounds (2)");
+  EXPECT_EQ(MessageOf([&] { L.Move(4, 0); }), "List index out of bounds (4)");
+  EXPECT_EQ(MessageOf([&] { L.SetCapacity(1); }), "List capacity out of bounds (1)");
+  EXPECT_EQ(Lines(L), (V{"a", "b"}));
+  // The string list error is a list error.
+  EXPECT_THROW(L.Get(9), EListError);
+  try {
+    L.Get(9);
+  } catch (const Exception& E) {
+    EXPECT_STREQ(E.ClassName(), "EStringListError");
+  }
+}
+
+TEST(TStringListTest, EditingKeepsObjectsWithTheirLines) {
+  TMarker A, B, C;
+  TStringList L;
+  L.AddObject("a", &A);
+  L.AddObject("b", &B);
+  L.Add("c");
+  L.InsertObject(1, "x", &C);
+  L.Move(0, 3);
+  L.Move(3, 1);
+  L.Exchange(0, 3);
+  L.SetStrings(0, "y");
+  EXPECT_EQ(Lines(L), (V{"y", "a", "b", "x"}));
+  EXPECT_EQ(L.Objects(0), nullptr);
+  EXPECT_EQ(L.Objects(1), &A);
+  EXPECT_EQ(L.IndexOfObject(&C), 3);
+
+  // Adding a list to itself doubles it, objects included.
+  L.AddStrings(&L);
+  EXPECT_EQ(Lines(L), (V{"y", "a", "b", "x", "y", "a", "b", "x"}));
+  EXPECT_EQ(L.Objects(6), &B);
+
+  // Equals compares lines exactly and ignores objects.
+  TStringList M;
+  Fill(M, Lines(L));
+  EXPECT_TRUE(L.Equals(&M));
+  M.SetStrings(0, "Y");
+  EXPECT_FALSE(L.Equals(&M));
+}
+
+TEST(TStringListTest, AttachedObjectsAreNeverFreed) {
+  TMarker::Destroyed = 0;
+  auto* M1 = new TMarker;
+  auto* M2 = new TMarker;
+  {
+    TStringList L;
+    L.AddObject("1", M1);
+    L.AddObject("2", M2);
+    L.Delete(0);
+    L.SetObjects(0, M1);
+    L.Clear();
+    L.AddObject("3", M2);
+  }
+  EXPECT_EQ(TMarker::Destroyed, 0);
+  delete M1;
+  delete M2;
+}
+
+TEST(TStringListTest, AssignCopiesLinesObjectsAndSettings) {
+  TMarker A;
+  TStringList Src;
+  Src.AddObject("one", &A);
+  Src.Add("two");
+  Src.SetDelimiter(';');
+  Src.SetQuoteChar('\'');
+  Src.SetNameValueSeparator(':');
+  Src.SetLineBreak("\n");
+  TStringList Dst;
+  Fill(Dst, {"old"});
+  TWatcher W;
+  W.Attach(Dst);
+  Dst.Assign(&Src);
+  EXPECT_EQ(Lines(Dst), (V{"one", "two"}));
+  EXPECT_EQ(Dst.Objects(0), &A);
+  EXPECT_EQ(Dst.Delimiter(), ';');
+  EXPECT_EQ(Dst.QuoteChar(), '\'');
+  EXPECT_EQ(Dst.NameValueSeparator(), ':');
+  EXPECT_EQ(Dst.Text(), "one\ntwo\n");
+  EXPECT_EQ(W.Changing, 1);
+  EXPECT_EQ(W.Changed, 1);
+
+  Dst.Assign(&Dst);  // no change
+  EXPECT_EQ(Lines(Dst), (V{"one", "two"}));
+  // Sources that are not string lists go to TPersistent, which refuses.
+  EXPECT_THROW(Dst.Assign(nullptr), EConvertError);
+}
+
+TEST(TStringsTest, BaseClassDefaultsWorkThroughGetInsertDelete) {
+  TPlainStrings L;
+  Fill(L, {"b", "c", "A"});
+  EXPECT_EQ(L.IndexOf("a"), 2);  // case-insensitive
+  EXPECT_EQ(L.IndexOf("z"), -1);
+  L.Exchange(0, 2);
+  EXPECT_EQ(L.Data, (V{"A", "c", "b"}));
+  L.Move(2, 0);
+  EXPECT_EQ(L.Data, (V{"b", "A", "c"}));
+  L.SetStrings(1, "x");  // Put = Delete + InsertObject
+  EXPECT_EQ(L.Data, (V{"b", "x", "c"}));
+  EXPECT_EQ(L.AddObject("o", &L), 3);
+  EXPECT_EQ(L.Objects(3), nullptr);  // no object storage
+  EXPECT_EQ(L.Capacity(), 4);
+  EXPECT_THROW(L.Move(0, 4), EStringListError);
+  EXPECT_EQ(L.Data, (V{"b", "x", "c", "o"}));
+}
+
+// ---------------------------------------------------------------------------
+// Comma and delimited text
+
+TEST(TStringsTest, CommaTextQuotesOnlyWhereNeeded) {
+  EXPECT_EQ(CommaJoin({}), "");
+  EXPECT_EQ(CommaJoin({""}), "\"\"");
+  EXPECT_EQ(CommaJoin({"", ""}), ",");
+  EXPECT_EQ(CommaJoin({"a", "", "b"}), "a,,b");
+  EXPECT_EQ(CommaJoin({"a", ""}), "a,");
+  EXPECT_EQ(CommaJoin({"plain", "two words", "x,y", "say \"hi\"", "tab\there"}),
+            "plain,\"two words\",\"x,y\",\"say \"\"hi\"\"\",\"tab\there\"");
+  EXPECT_EQ(CommaJoin({"\"", " "}), "\"\"\"\",\" \"");
+  // Bytes above 0x7F are ordinary characters, not blanks.
+  EXPECT_EQ(CommaJoin({"caf\xE9", "\xA0"}), "caf\xE9,\xA0");
+  // Control characters and NUL force quotes.
+  EXPECT_EQ(CommaJoin({std::string("a\0b", 3), "\x01"}),
+            std::string("\"a\0b\",\"\x01\"", 9));
+}
+
+TEST(TStringsTest, CommaTextParsing) {
+  EXPECT_EQ(CommaSplit(""), V{});
+  EXPECT_EQ(CommaSplit("  \t "), V{});
+  EXPECT_EQ(CommaSplit("a b,c"), (V{"a", "b", "c"}));
+  EXPECT_EQ(CommaSplit("\"a b\",c"), (V{"a b", "c"}));
+  EXPECT_EQ(CommaSplit("  a ,  b  "), (V{"a", "b"}));
+  EXPECT_EQ(CommaSplit("a,,b"), (V{"a", "", "b"}));
+  EXPECT_EQ(CommaSplit("a,  ,b"), (V{"a", "", "b"}));
+  EXPECT_EQ(CommaSplit(",a"), (V{"", "a"}));
+  EXPECT_EQ(CommaSplit("a,"), (V{"a", ""}));
+  EXPECT_EQ(CommaSplit("a, "), (V{"a"}));  // the delimiter is not the last character
+  EXPECT_EQ(CommaSplit(","), (V{"", ""}));
+  EXPECT_EQ(CommaSplit("\"\""), (V{""}));
+  EXPECT_EQ(CommaSplit("\"a\"\"b\",\"\"\"\""), (V{"a\"b", "\""}));
+  EXPECT_EQ(CommaSplit("\"a\"b,c"), (V{"a", "b", "c"}));  // text after a closing quote
+  EXPECT_EQ(CommaSplit("\"a,b\" , \"c\""), (V{"a,b", "c"}));
+  EXPECT_EQ(CommaSplit("\"unterminated, text"), (V{"unterminated, text"}));
+  EXPECT_EQ(CommaSplit("a\r\nb"), (V{"a", "b"}));
+  EXPECT_EQ(CommaSplit("x\xE9y,z"), (V{"x\xE9y", "z"}));
+}
+
+TEST(TStringsTest, CommaTextRoundTripsAnyList) {
+  // Random lists over an alphabet rich in the characters that matter.
+  const std::string Alphabet = std::string("ab ,\"\t;'\xE9", 9) + std::string(1, '\0');
+  std::mt19937 Rng(11);
+  for (int Round = 0; Round < 2000; ++Round) {
+    V Items(Rng() % 5);
+    for (std::string& S : Items) {
+      size_t Len = Rng() % 4;
+      for (size_t I = 0; I < Len; ++I) S += Alphabet[Rng() % Alphabet.size()];
+    }
+    std::string Text = CommaJoin(Items);
+    ASSERT_EQ(CommaSplit(Text), Items) << "text: " << Text;
+  }
+}
+
+TEST(TStringsTest, DelimitedTextWithOtherDelimiters) {
+  TStringList L;
+  L.SetDelimiter(';');
+  L.SetQuoteChar('\'');
+  Fill(L, {"a;b", "x,y", "it's", "c d", ""});
+  EXPECT_EQ(L.DelimitedText(), "'a;b';x,y;'it''s';'c d';");
+  // CommaText keeps to ',' and '"' whatever the settings.
+  EXPECT_EQ(L.CommaText(), "a;b,\"x,y\",it's,\"c d\",");
+  EXPECT_EQ(L.Delimiter(), ';');
+
+  L.SetDelimitedText("'a;b';x,y;'it''s';'c d';");
+  EXPECT_EQ(Lines(L), (V{"a;b", "x,y", "it's", "c d", ""}));
+  L.SetDelimitedText("p q;r\"s\"");  // blanks still separate; '"' is ordinary here
+  EXPECT_EQ(Lines(L), (V{"p", "q", "r\"s\""}));
+
+  // A blank as delimiter: runs of blanks are one separator, no empty items.
+  L.SetDelimiter(' ');
+  L.SetDelimitedText("  one   two 'three four' ");
+  EXPECT_EQ(Lines(L), (V{"one", "two", "three four"}));
+  EXPECT_EQ(L.DelimitedText(), "one two 'three four'");
+  L.SetDelimiter('\t');
+  L.SetDelimitedText("a\t\tb");
+  EXPECT_EQ(Lines(L), (V{"a", "b"}));
+
+  L.SetDelimiter('|');
+  L.SetQuoteChar('"');
+  L.SetDelimitedText("|x||");
+  EXPECT_EQ(Lines(L), (V{"", "x", "", ""}));
+  EXPECT_EQ(L.DelimitedText(), "|x||");
+}
+
+// ---------------------------------------------------------------------------
+// Name=value pairs
+
+TEST(TStringsTest, NamesAndValues) {
+  TStringList L;
+  Fill(L, {"a=1", "Key=Two", "novalue", "d==x", "=anon", "a=second"});
+  EXPECT_EQ(L.Names(0), "a");
+  EXPECT_EQ(L.Names(2), "");
+  EXPECT_EQ(L.Names(3), "d");
+  EXPECT_EQ(L.Names(4), "");
+  EXPECT_EQ(L.Values("KEY"), "Two");
+  EXPECT_EQ(L.Values("a"), "1");  // the first match
+  EXPECT_EQ(L.Values("d"), "=x");
+  EXPECT_EQ(L.Values(""), "anon");
+  EXPECT_EQ(L.Values("novalue"), "");
+  EXPECT_EQ(L.Values("missing"), "");
+  EXPECT_EQ(L.IndexOfName("kEy"), 1);
+  EXPECT_EQ(L.IndexOfName("novalue"), -1);
+  EXPECT_EQ(L.ValueFromIndex(3), "=x");
+  EXPECT_EQ(L.ValueFromIndex(2), "");
+  EXPECT_EQ(L.ValueFromIndex(-1), "");
+
+  L.SetValues("key", "3");  // replaced in place, with the given spelling
+  EXPECT_EQ(L[1], "key=3");
+  L.SetValues("new", "v");
+  EXPECT_EQ(L[L.Count() - 1], "new=v");
+  L.SetValues("A", "");  // deletes the first "a" line
+  EXPECT_EQ(Lines(L), (V{"key=3", "novalue", "d==x", "=anon", "a=second", "new=v"}));
+  L.SetValues("absent", "");  // nothing to delete
+  EXPECT_EQ(L.Count(), 6);
+  L.SetValueFromIndex(2, "y");
+  EXPECT_EQ(L[2], "d=y");
+  L.SetValueFromIndex(0, "");
+  EXPECT_EQ(L[0], "novalue");
+
+  L.SetNameValueSeparator(':');
+  L.Clear();
+  Fill(L, {"host:example", "a=b"});
+  EXPECT_EQ(L.Values("HOST"), "example");
+  EXPECT_EQ(L.Values("a"), "");
+
+  // A sorted list places a new pair; replacing one in place is refused.
+  TStringList S;
+  S.SetSorted(true);
+  Fill(S, {"m=1", "z=2"});
+  S.SetValues("a", "0");
+  EXPECT_EQ(Lines(S), (V{"a=0", "m=1", "z=2"}));
+  EXPECT_EQ(MessageOf([&] { S.SetValues("m", "9"); }),
+            "Operation not allowed on sorted string list");
+  EXPECT_EQ(Lines(S), (V{"a=0", "m=1", "z=2"}));
+}
+
+// ---------------------------------------------------------------------------
+// Text, streams and files
+
+TEST(TStringsTest, TextJoinsWithLineBreakAndSplitsOnCrLf) {
+  TStringList L;
+  EXPECT_EQ(L.Text(), "");
+  Fill(L, {"a", "", "b"});
+  EXPECT_EQ(L.Text(), "a\r\n\r\nb\r\n");
+  L.SetLineBreak("\n");
+  EXPECT_EQ(L.Text(), "a\n\nb\n");
+
+  auto Split = [&](const std::string& T) {
+    L.SetText(T);
+    return Lines(L);
+  };
+  EXPECT_EQ(Split(""), V{});
+  EXPECT_EQ(Split("one"), (V{"one"}));
+  EXPECT_EQ(Split("a\r\nb\nc\rd"), (V{"a", "b", "c", "d"}));
+  EXPECT_EQ(Split("a\r\n"), (V{"a"}));
+  EXPECT_EQ(Split("\r\n"), (V{""}));
+  EXPECT_EQ(Split("a\n\n"), (V{"a", ""}));
+  EXPECT_EQ(Split("a\n\rb"), (V{"a", "", "b"}));
+  EXPECT_EQ(Split("a\r\r\nb"), (V{"a", "", "b"}));
+  EXPECT_EQ(Split(std::string("x\0y\nz", 5)), (V{std::string("x\0y", 3), "z"}));
+}
+
+TEST(TStringsTest, StreamRoundTripIsByteExact) {
+  TStringList L;
+  Fill(L, {"first", "", "caf\xE9", "last"});
+  TMemoryStream M;
+  M.WriteBuffer("HDR", 3);
+  L.SaveToStream(&M);
+  ASSERT_EQ(M.GetSize(), 3 + 21);
+  std::string Bytes(static_cast<const char*>(M.Memory()), static_cast<size_t>(M.GetSize()));
+  EXPECT_EQ(Bytes, "HDRfirst\r\n\r\ncaf\xE9\r\nlast\r\n");
+
+  // Loading reads from the position to the end and replaces the lines.
+  TStringList R;
+  Fill(R, {"stale"});
+  M.SetPosition(3);
+  R.LoadFromStream(&M);
+  EXPECT_TRUE(R.Equals(&L));
+  EXPECT_EQ(M.GetPosition(), M.GetSize());
+  R.LoadFromStream(&M);  // nothing left
+  EXPECT_EQ(R.Count(), 0);
+
+  // Text written on Linux with bare LF, or with no final break, reads too.
+  TStringStream Unix("x\ny\nz");
+  R.LoadFromStream(&Unix);
+  EXPECT_EQ(Lines(R), (V{"x", "y", "z"}));
+}
+
+TEST(TStringsTest, FileRoundTrip) {
+  const std::string Path = TempPath("vel_stringlist.txt");
+  TStringList L;
+  for (int I = 0; I < 1000; ++I) L.Add("line " + std::to_string(I));
+  L.SaveToFile(Path);
+  TStringList R;
+  R.LoadFromFile(Path);
+  EXPECT_TRUE(R.Equals(&L));
+
+  // Saving again replaces the file rather than appending to it.
+  L.Clear();
+  L.Add("short");
+  L.SaveToFile(Path);
+  R.LoadFromFile(Path);
+  EXPECT_EQ(Lines(R), (V{"short"}));
+  std::remove(Path.c_str());
+
+  EXPECT_THROW(R.LoadFromFile(Path + ".missing"), EFOpenError);
+  EXPECT_EQ(Lines(R), (V{"short"}));  // a failed load keeps the lines
+}
+
+// ---------------------------------------------------------------------------
+// Sorting, searching and duplicates
+
+TEST(TStringListTest, SortedListsAndDuplicates) {
+  TStringList L;
+  Fill(L, {"pear", "Apple", "fig", "apple"});
+  L.SetSorted(true);
+  // Equal lines end in the order the runtime's quicksort leaves them.
+  EXPECT_EQ(Lines(L), (V{"apple", "Apple", "fig", "pear"}));
+  EXPECT_EQ(L.Add("banana"), 2);
+  EXPECT_EQ(L.IndexOf("BANANA"), 2);
+  EXPECT_EQ(L.IndexOf("cherry"), -1);
+  int Index = -1;
+  EXPECT_FALSE(L.Find("cherry", Index));
+  EXPECT_EQ(Index, 3);
+
+  // dupIgnore (the default): the existing index comes back, nothing added.
+  EXPECT_EQ(L.Duplicates(), dupIgnore);
+  EXPECT_EQ(L.Add("FIG"), 3);
+  EXPECT_EQ(L.Count(), 5);
+  // dupError: refused with the runtime's message, list unchanged.
+  L.SetDuplicates(dupError);
+  EXPECT_EQ(MessageOf([&] { L.Add("Pear"); }), "String list does not allow duplicates");
+  EXPECT_EQ(L.Count(), 5);
+  // dupAccept: a duplicate goes before its equals; Find gives the first.
+  L.SetDuplicates(dupAccept);
+  EXPECT_EQ(L.Add("PEAR"), 4);
+  EXPECT_EQ(L.Add("Fig"), 3);
+  EXPECT_TRUE(L.Find("fig", Index));
+  EXPECT_EQ(Index, 3);
+  EXPECT_EQ(Lines(L), (V{"apple", "Apple", "banana", "Fig", "fig", "PEAR", "pear"}));
+  // Outside dupAccept the search stops at the first equal line it meets
+  // (here the middle one), as the runtime's does.
+  TStringList B;
+  B.SetDuplicates(dupAccept);
+  B.SetSorted(true);
+  Fill(B, {"a", "b", "b", "b", "c"});
+  B.SetDuplicates(dupIgnore);
+  EXPECT_TRUE(B.Find("B", Index));
+  EXPECT_EQ(Index, 2);
+  EXPECT_EQ(B.Add("b"), 2);
+
+  // Position-changing edits are refused and change nothing.
+  const V Before = Lines(L);
+  const std::string Refused = "Operation not allowed on sorted string list";
+  EXPECT_EQ(MessageOf([&] { L.Insert(0, "z"); }), Refused);
+  EXPECT_EQ(MessageOf([&] { L.InsertObject(0, "z", nullptr); }), Refused);
+  EXPECT_EQ(MessageOf([&] { L.SetStrings(0, "z"); }), Refused);
+  EXPECT_EQ(MessageOf([&] { L.Exchange(0, 1); }), Refused);
+  EXPECT_EQ(MessageOf([&] { L.Move(0, 1); }), Refused);
+  EXPECT_EQ(Lines(L), Before);
+  // Objects may still be set, and lines deleted.
+  TMarker M;
+  L.SetObjects(0, &M);
+  L.Delete(1);
+  EXPECT_EQ(L.Objects(0), &M);
+
+  // Unsorting allows editing again; sorting a sorted list does nothing.
+  L.SetSorted(false);
+  L.Insert(0, "zz");
+  L.Sort();
+  EXPECT_EQ(L[6], "zz");
+}
+
+TEST(TStringListTest, CaseSensitivity) {
+  TStringList L;
+  Fill(L, {"b", "B", "a", "A", "_x", "\xC9t\xE9", "\xE9t\xE9"});
+  EXPECT_EQ(L.IndexOf("\xC9T\xC9"), 5);  // accented letters fold too
+  EXPECT_EQ(L.IndexOf("a"), 2);
+  L.SetCaseSensitive(true);
+  EXPECT_EQ(L.IndexOf("A"), 3);
+  EXPECT_EQ(L.IndexOf("\xC9T\xC9"), -1);
+  L.SetSorted(true);
+  EXPECT_EQ(Lines(L), (V{"_x", "a", "A", "b", "B", "\xE9t\xE9", "\xC9t\xE9"}));
+  EXPECT_EQ(L.IndexOf("A"), 2);
+  EXPECT_EQ(L.IndexOf("B"), 4);
+  EXPECT_EQ(L.Add("a"), 1);  // dupIgnore: exact match only
+  EXPECT_EQ(L.Add("Ab"), 3);
+  EXPECT_EQ(L.Count(), 8);
+
+  // Switching the comparison on a sorted list re-sorts it, so binary
+  // search keeps finding every line.
+  L.SetDuplicates(dupAccept);
+  L.SetCaseSensitive(false);
+  for (int I = 0; I < L.Count(); ++I) {
+    int Found;
+    ASSERT_TRUE(L.Find(L[I], Found)) << L[I];
+    EXPECT_EQ(L.CompareStrings(L[Found], L[I]), 0);
+  }
+  L.SetCaseSensitive(true);
+  EXPECT_EQ(Lines(L), (V{"_x", "a", "A", "Ab", "b", "B", "\xE9t\xE9", "\xC9t\xE9"}));
+}
+
+TEST(TStringListTest, CustomSortUsesTheRuntimeQuicksort) {
+  // Compared by the first character only: the runtime's quicksort turns
+  // 2a 1a 2b 1b into 1b 1a 2a 2b.
+  TStringList L;
+  Fill(L, {"2a", "1a", "2b", "1b"});
+  TWatcher W;
+  W.Attach(L);
+  L.CustomSort([](TStringList* List, int I, int J) {
+    return static_cast<int>((*List)[I][0]) - static_cast<int>((*List)[J][0]);
+  });
+  EXPECT_EQ(Lines(L), (V{"1b", "1a", "2a", "2b"}));
+  EXPECT_EQ(W.Changing, 1);
+  EXPECT_EQ(W.Changed, 1);
+
+  // A comparison that deletes lines while sorting is stopped, not followed
+  // into freed memory.
+  TStringList D;
+  for (int I = 0; I < 50; ++I) D.Add(std::to_string(I));
+  EXPECT_THROW(D.CustomSort([](TStringList* List, int, int) {
+    if (List->Count() > 10) List->Delete(List->Count() - 1);
+    return -1;
+  }),
+               EStringListError);
+}
+
+// A subclass gets the line-by-line path of the bulk operations, a plain
+// TStringList merges; both must end the same way.
+class TLineByLineList : public TStringList {};
+
+std::string RandomWord(std::mt19937& Rng, int MaxLen) {
+  static const char Letters[] = {'a', 'A', 'b', '\xE9', '\xC9'};
+  std::string W;
+  // Lengths MaxLen/2..MaxLen: short words repeat often, long ones rarely.
+  int Len = MaxLen / 2 + static_cast<int>(Rng() % static_cast<unsigned>(MaxLen - MaxLen / 2 + 1));
+  for (int I = 0; I < Len; ++I) W += Letters[Rng() % 5];
+  return W;
+}
+
+TEST(TStringListTest, BulkAddsToSortedListsMatchAddingOneByOne) {
+  static TMarker Marks[80];
+  std::mt19937 Rng(21);
+  int Raised = 0, DupErrorCompleted = 0;
+  for (int Round = 0; Round < 900; ++Round) {
+    const auto Mode = static_cast<TDuplicates>(Round % 3);
+    const int MaxLen = 1 + Round % 12;
+    TStringList Fast;
+    TLineByLineList Slow;
+    for (TStringList* L : {&Fast, static_cast<TStringList*>(&Slow)}) {
+      L->SetCaseSensitive(Round / 3 % 2 == 1);
+      L->SetDuplicates(dupAccept);
+      L->SetSorted(true);
+    }
+    for (int I = static_cast<int>(Rng() % 10); I > 0; --I) {
+      std::string W = RandomWord(Rng, MaxLen);
+      Fast.AddObject(W, &Marks[I]);
+      Slow.AddObject(W, &Marks[I]);
+    }
+    Fast.SetDuplicates(Mode);
+    Slow.SetDuplicates(Mode);
+    TStringList Src;
+    for (int I = 16 + static_cast<int>(Rng() % 40); I > 0; --I)
+      Src.AddObject(RandomWord(Rng, MaxLen), &Marks[10 + I]);
+
+    bool FastRaised = false, SlowRaised = false;
+    try {
+      Fast.AddStrings(&Src);
+    } catch (const EStringListError& E) {
+      FastRaised = true;
+      EXPECT_EQ(E.Message(), "String list does not allow duplicates");
+    }
+    try {
+      Slow.AddStrings(&Src);
+    } catch (const EStringListError&) {
+      SlowRaised = true;
+    }
+    ASSERT_EQ(FastRaised, SlowRaised) << "round " << Round;
+    ASSERT_EQ(Lines(Fast), Lines(Slow)) << "round " << Round;
+    for (int I = 0; I < Fast.Count(); ++I) ASSERT_EQ(Fast.Objects(I), Slow.Objects(I));
+    ASSERT_EQ(Fast.Capacity(), Slow.Capacity());
+    if (FastRaised)
+      ++Raised;
+    else if (Mode == dupError)
+      ++DupErrorCompleted;
+  }
+  // Both outcomes of dupError occurred.
+  EXPECT_GT(Raised, 20);
+  EXPECT_GT(DupErrorCompleted, 20);
+}
+
+TEST(TStringListTest, LargeListsStayFast) {
+  // Algorithmic check: with a linear search or a quadratic sort this
+  // takes minutes under the sanitizers.
+  const int Count = 100000;
+  std::mt19937 Rng(5);
+  TStringList L;
+  for (int I = 0; I < Count; ++I) L.Add("item" + std::to_string(Rng()));
+  L.Sort();  // not sorted yet: this sorts
+  L.SetSorted(true);
+  for (int I = 1; I < L.Count(); ++I) ASSERT_LE(L.CompareStrings(L[I - 1], L[I]), 0);
+  for (int I = 0; I < L.Count(); I += 7) {
+    const std::string S = L[I];
+    ASSERT_EQ(L.CompareStrings(L[L.IndexOf(S)], S), 0);
+  }
+  const int Before = L.Count();
+  L.Add("item");  // shortest: goes first
+  EXPECT_EQ(L[0], "item");
+  EXPECT_EQ(L.Count(), Before + 1);
+  L.Clear();
+  EXPECT_EQ(L.Count(), 0);
+  EXPECT_EQ(L.Capacity(), 0);
+
+  // Loading many lines into a sorted list merges them rather than
+  // inserting one at a time.
+  std::string Text;
+  for (int I = 0; I < Count; ++I) Text += std::to_string(Rng() % 50000) + "\n";
+  L.SetText(Text);
+  EXPECT_LT(L.Count(), Count);  // dupIgnore dropped the repeats
+  EXPECT_GT(L.Count(), 40000);
+  for (int I = 1; I < L.Count(); ++I) ASSERT_LT(L.CompareStrings(L[I - 1], L[I]), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Change notifications
+
+TEST(TStringListTest, ChangeEventsAroundEveryChange) {
+  TStringList L;
+  TWatcher W;
+  W.Attach(L);
+  L.Add("a");
+  L.Add("b");
+  EXPECT_EQ(W.CountAtChanging, (std::vector<int>{0, 1}));  // before the change
+  EXPECT_EQ(W.CountAtChanged, (std::vector<int>{1, 2}));   // after it
+  L.SetStrings(0, "c");
+  L.SetObjects(0, nullptr);
+  L.Exchange(0, 1);
+  L.Move(0, 1);
+  L.Delete(0);
+  EXPECT_EQ(W.Changing, 7);
+  EXPECT_EQ(W.Changed, 7);
+  L.Clear();
+  L.Clear();  // already empty: silent
+  EXPECT_EQ(W.Changed, 8);
+
+  // One pair for a whole update, however nested and however much changes.
+  L.BeginUpdate();
+  L.BeginUpdate();
+  for (int I = 0; I < 10; ++I) L.Add(std::to_string(I));
+  L.EndUpdate();
+  EXPECT_EQ(W.Changed, 8);
+  L.Delete(0);
+  L.EndUpdate();
+  EXPECT_EQ(W.Changing, 9);
+  EXPECT_EQ(W.Changed, 9);
+  EXPECT_EQ(W.CountAtChanged.back(), 9);
+  L.EndUpdate();  // unmatched: ignored, events keep working
+  L.Add("z");
+  EXPECT_EQ(W.Changed, 10);
+
+  // Bulk setters are one update each.
+  L.SetText("a\nb\nc");
+  L.SetCommaText("x,y");
+  L.SetSorted(true);
+  TStringList Other;
+  Fill(Other, {"p", "q"});
+  L.SetSorted(false);
+  L.AddStrings(&Other);
+  EXPECT_EQ(W.Changed, 14);
+  EXPECT_EQ(W.Changing, 14);
+}
+
+TEST(TStringListTest, RefusingOnChangingLeavesTheListAlone) {
+  TStringList L;
+  Fill(L, {"a", "b"});
+  TWatcher W;
+  W.Attach(L);
+  W.FailChanging = true;
+  EXPECT_THROW(L.Add("c"), EAbort);
+  EXPECT_THROW(L.Delete(0), EAbort);
+  EXPECT_THROW(L.Clear(), EAbort);
+  EXPECT_THROW(L.SetText("x"), EAbort);
+  W.FailChanging = false;
+  EXPECT_EQ(Lines(L), (V{"a", "b"}));
+  // The failed BeginUpdate inside SetText left no update open.
+  L.Add("c");
+  EXPECT_EQ(W.Changed, 1);
+}
+
+}  // namespace
+}  // namespace vel::test_stringlists
