@@ -25,6 +25,7 @@ namespace vel {
 class TObject;
 struct TMetaClass;
 struct TTypeInfo;
+struct TGUID;
 struct TClassRtti;
 
 // A class reference: the runtime's "class of TObject".
@@ -148,6 +149,7 @@ class ShortString {
   bool empty() const { return FStr.empty(); }
   friend bool operator==(const ShortString& A, const ShortString& B) { return A.FStr == B.FStr; }
   friend bool operator==(const ShortString& A, std::string_view B) { return A.FStr == B; }
+  friend bool operator==(const ShortString& A, const char* B) { return A.FStr == B; }
 
  private:
   void Clip() {
@@ -344,6 +346,16 @@ class VEL_API TObject {
   // DefaultHandler when none is registered.
   virtual void Dispatch(void* Message);
   virtual void DefaultHandler(void* Message);
+
+  // Looks IID up in the interfaces this object's class implements (see
+  // VEL_INTERFACES in Com.h). On success stores the interface pointer,
+  // with a reference added, in *Obj and returns true; otherwise returns
+  // false and leaves *Obj alone. TObject implements no interface.
+  virtual bool GetInterface(const TGUID& IID, void** Obj) {
+    (void)IID;
+    (void)Obj;
+    return false;
+  }
 };
 
 // Object tests in the runtime's style: Obj is T, Obj as T.
