@@ -1,0 +1,19 @@
+# Third-party libraries the library links against, found in one place.
+#
+# Each dependency comes from a Debian package; add the package to PACKAGES in
+# the top-level Makefile when you add it here. Dependencies are linked
+# privately (libvelclasses.so is a shared library, so users never need their
+# headers), which keeps them out of the exported CMake targets. Use:
+#
+#   VEL_PRIVATE_LIBS          targets or flags linked privately into velclasses
+#   VEL_PC_REQUIRES_PRIVATE   pkg-config module names for "Requires.private"
+#
+# Example for a pkg-config module:
+#
+#   find_package(PkgConfig REQUIRED)
+#   pkg_check_modules(PUGIXML REQUIRED IMPORTED_TARGET pugixml)
+#   list(APPEND VEL_PRIVATE_LIBS PkgConfig::PUGIXML)
+#   list(APPEND VEL_PC_REQUIRES_PRIVATE pugixml)
+
+set(VEL_PRIVATE_LIBS "")
+set(VEL_PC_REQUIRES_PRIVATE "")
