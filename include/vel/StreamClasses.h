@@ -15,8 +15,8 @@
 
 #include "vel/rtl/Components.h"
 #include "vel/rtl/Lists.h"
-#include "vel/rtl/StringLists.h"
 #include "vel/rtl/Streams.h"
+#include "vel/rtl/StringLists.h"
 #include "vel/rtl/TypInfo.h"
 #include "vel/rtl/Variants.h"
 
@@ -35,7 +35,8 @@ VEL_EXCEPTION(EStreamPropError, Exception);
 namespace streammsg {
 inline constexpr const char* SStreamNotValid = "Stream is not valid (nil)";
 inline constexpr const char* SEmptyStream = "Cannot read from an empty stream";
-inline constexpr const char* SBeginOfListNotFound = "Stream property error, begin of list not found";
+inline constexpr const char* SBeginOfListNotFound =
+    "Stream property error, begin of list not found";
 inline constexpr const char* SEndOfListNotFound = "Stream property error, end of list not found";
 inline constexpr const char* SFailedToReadCount = "Failed to read count for List %s";
 inline constexpr const char* SUnknownPropInfo = "Unable to property info for %s";
@@ -165,6 +166,21 @@ class VEL_API TCustomStreamer : public TObject {
   TStream* FStream;
   TTypeKinds FTypeKinds = DefaultStreamTypeKinds;
   TStreamState FStreamState = ssNone;
+
+ private:
+  // Reads Count bytes (a compile-time constant at each call) straight from
+  // a plain memory stream when this is exactly the binary streamer;
+  // otherwise through Read.
+  template <size_t Count>
+  void ReadFixed(uint8_t* Buffer);
+
+  // Direct access to a plain memory stream (set when the stream's class
+  // is exactly TMemoryStream or TReadOnlyMemoryStream), and whether this
+  // streamer is exactly the binary one, so that list markers may be
+  // checked in place.
+  TCustomMemoryStream* FMemRead = nullptr;
+  TMemoryStream* FMemWrite = nullptr;
+  bool FExactBinary = false;
 };
 
 // The binary encoding: little-endian, size-tagged integers and strings.

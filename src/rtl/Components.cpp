@@ -243,7 +243,9 @@ TCollection::~TCollection() {
 
 TCollectionItem* TCollection::Add() {
   TObject* Obj = FItemClass->CreateWith(this);
-  auto* Item = dynamic_cast<TCollectionItem*>(Obj);
+  TCollectionItem* Item = Obj && Obj->InheritsFrom(TCollectionItem::StaticClass())
+                              ? static_cast<TCollectionItem*>(Obj)
+                              : nullptr;
   if (!Item) {
     delete Obj;
     throw EInvalidCast("Invalid class typecast");

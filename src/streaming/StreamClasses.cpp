@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <typeinfo>
 
 #include "vel/rtl/SysUtils.h"
 
@@ -29,7 +30,20 @@ bool IsTagOrName(const std::string& N) {
   return Eq("TAG", 3) || Eq("NAME", 4);
 }
 
-bool IsDateTimeType(PTypeInfo T) { return T->Name == "TDateTime"; }
+// Class tests through class references: cheaper than dynamic_cast, which
+// compares type names on this platform.
+template <class T>
+inline T* AsClass(TObject* Obj) {
+  return (Obj && Obj->InheritsFrom(T::StaticClass())) ? static_cast<T*>(Obj) : nullptr;
+}
+template <class T>
+inline bool IsClass(TObject* Obj) {
+  return Obj && Obj->InheritsFrom(T::StaticClass());
+}
+
+bool IsDateTimeType(PTypeInfo T) {
+  return T->Name == "TDateTime";
+}
 
 bool IsBooleanEnum(PTypeInfo T) {
   return T->Data.BaseType == TypeInfoBoolean() ||
@@ -45,8 +59,21 @@ bool IsPublishedOn(TObject* Obj, PPropInfo Info) {
 
 }  // namespace
 
-VEL_PUBLISHED(TCustomStreamer,
-              prop("RootComponent", &TCustomStreamer::RootComponent),
+template <size_t Count>
+inline void TCustomStreamer::ReadFixed(uint8_t* Buffer) {
+  if (FExactBinary && FMemRead) {
+    int64_t Avail;
+    const uint8_t* P = FMemRead->PeekInline(Avail);
+    if (Avail >= static_cast<int64_t>(Count)) {
+      std::memcpy(Buffer, P, Count);
+      FMemRead->SetPositionInline(FMemRead->PositionInline() + static_cast<int64_t>(Count));
+      return;
+    }
+  }
+  Read(Buffer, Count);
+}
+
+VEL_PUBLISHED(TCustomStreamer, prop("RootComponent", &TCustomStreamer::RootComponent),
               prop("StreamState", &TCustomStreamer::StreamState))
 VEL_IMPLEMENT(TBinaryStreamer)
 
@@ -54,6 +81,13 @@ TCustomStreamer::TCustomStreamer(TStream* AStream) : FStream(AStream) {
   FStreamState = ssNone;
   CheckStream();
   FTypeKinds = DefaultStreamTypeKinds;
+  const std::type_info& T = typeid(*FStream);
+  if (T == typeid(TMemoryStream)) {
+    FMemWrite = static_cast<TMemoryStream*>(FStream);
+    FMemRead = FMemWrite;
+  } else if (T == typeid(TReadOnlyMemoryStream)) {
+    FMemRead = static_cast<TCustomMemoryStream*>(FStream);
+  }
 }
 
 TCustomStreamer::~TCustomStreamer() = default;
@@ -72,13 +106,17 @@ TObject* TCustomStreamer::CreateComponent(TObject* Parent, const std::string& Cl
   return C->CreateWith(Owner);
 }
 
-TObject* TCustomStreamer::CreateObject(TObject*, TClass Class) { return Class->Create(); }
+TObject* TCustomStreamer::CreateObject(TObject*, TClass Class) {
+  return Class->Create();
+}
 
 TCollectionItem* TCustomStreamer::AddCollectionItem(TCollection* Collection) {
   return Collection->Add();
 }
 
-void TCustomStreamer::AddListItem(TObjectList* List, TObject* Item) { List->Add(Item); }
+void TCustomStreamer::AddListItem(TObjectList* List, TObject* Item) {
+  List->Add(Item);
+}
 
 // ---------------------------------------------------------------------------
 // Save, load, create
@@ -87,15 +125,20 @@ void TCustomStreamer::InitStream(TObject* Root, TStreamState State) {
   FStreamState = State;
   FRootComponent = Root;
   CheckStream();
+  FExactBinary = typeid(*this) == typeid(TBinaryStreamer);
 }
 
-void TCustomStreamer::TermStream() { FStreamState = ssNone; }
+void TCustomStreamer::TermStream() {
+  FStreamState = ssNone;
+}
 
 void TCustomStreamer::SaveToStream(TObject* Obj) {
   InitStream(Obj, ssWriting);
   WriteSignature();
-  if (RootCollectable()) WriteRootCollectable();
-  else WriteComponent(Obj);
+  if (RootCollectable())
+    WriteRootCollectable();
+  else
+    WriteComponent(Obj);
   WriteClose();
   TermStream();
 }
@@ -103,8 +146,10 @@ void TCustomStreamer::SaveToStream(TObject* Obj) {
 void TCustomStreamer::LoadFromStream(TObject* Obj) {
   InitStream(Obj, ssReading);
   ReadSignature();
-  if (RootCollectable()) ReadRootCollectable();
-  else ReadComponent(Obj);
+  if (RootCollectable())
+    ReadRootCollectable();
+  else
+    ReadComponent(Obj);
   ReadClose();
   TermStream();
 }
@@ -114,9 +159,12 @@ TObject* TCustomStreamer::CreateFromStream() {
   std::string Name = ReadSignature();
   TClass C = GetClass(Name);
   TObject* Root = nullptr;
-  if (C && C->InheritsFrom(TComponent::StaticClass())) Root = CreateComponent(nullptr, Name);
-  else if (C && C->InheritsFrom(TPersistent::StaticClass())) Root = CreateObject(nullptr, C);
-  else throw EStreamPropError(SCannotCreateRoot);
+  if (C && C->InheritsFrom(TComponent::StaticClass()))
+    Root = CreateComponent(nullptr, Name);
+  else if (C && C->InheritsFrom(TPersistent::StaticClass()))
+    Root = CreateObject(nullptr, C);
+  else
+    throw EStreamPropError(SCannotCreateRoot);
   FRootComponent = Root;
   try {
     ReadComponent(Root);
@@ -133,26 +181,34 @@ TObject* TCustomStreamer::CreateFromStream() {
 }
 
 bool TCustomStreamer::RootCollectable() const {
-  return Is<TCollection>(FRootComponent) || Is<TStrings>(FRootComponent) ||
-         Is<TObjectList>(FRootComponent);
+  return IsClass<TCollection>(FRootComponent) || IsClass<TStrings>(FRootComponent) ||
+         IsClass<TObjectList>(FRootComponent);
 }
 
 void TCustomStreamer::WriteRootCollectable() {
-  if (auto* C = dynamic_cast<TCollection*>(FRootComponent)) WriteCollection(C, nullptr);
-  else if (auto* L = dynamic_cast<TObjectList*>(FRootComponent)) WriteComponentList(L, nullptr);
-  else if (auto* S = dynamic_cast<TStrings*>(FRootComponent)) WriteStrings(S, nullptr);
+  if (auto* C = AsClass<TCollection>(FRootComponent))
+    WriteCollection(C, nullptr);
+  else if (auto* L = AsClass<TObjectList>(FRootComponent))
+    WriteComponentList(L, nullptr);
+  else if (auto* S = AsClass<TStrings>(FRootComponent))
+    WriteStrings(S, nullptr);
 }
 
 void TCustomStreamer::ReadRootCollectable() {
-  if (auto* C = dynamic_cast<TCollection*>(FRootComponent)) ReadCollection(C);
-  else if (auto* L = dynamic_cast<TObjectList*>(FRootComponent)) ReadComponentList(L);
-  else if (auto* S = dynamic_cast<TStrings*>(FRootComponent)) ReadStrings(S);
+  if (auto* C = AsClass<TCollection>(FRootComponent))
+    ReadCollection(C);
+  else if (auto* L = AsClass<TObjectList>(FRootComponent))
+    ReadComponentList(L);
+  else if (auto* S = AsClass<TStrings>(FRootComponent))
+    ReadStrings(S);
 }
 
 void TCustomStreamer::WriteSignature() {
   WriteString(FRootComponent ? FRootComponent->ClassName() : std::string());
 }
-std::string TCustomStreamer::ReadSignature() { return ReadString(); }
+std::string TCustomStreamer::ReadSignature() {
+  return ReadString();
+}
 void TCustomStreamer::WriteClose() {}
 void TCustomStreamer::ReadClose() {}
 
@@ -192,8 +248,10 @@ void TCustomStreamer::WriteProperty(TObject* Obj, PPropInfo PropInfo) {
     case tkString:
     case tkLString:
     case tkWString:
-      if (const std::string* S = PropInfo->GetProc->StrField(Obj)) WriteString(*S);
-      else WriteString(GetStrProp(Obj, PropInfo));
+      if (const std::string* S = PropInfo->GetProc->StrField(Obj))
+        WriteString(*S);
+      else
+        WriteString(GetStrProp(Obj, PropInfo));
       break;
     case tkFloat:
       WriteFloatProp(Obj, PropInfo);
@@ -222,8 +280,10 @@ void TCustomStreamer::WritePropName(TObject*, PPropInfo, const std::string& Name
 
 void TCustomStreamer::WriteEnumProp(TObject* Obj, PPropInfo PropInfo) {
   int32_t V = GetOrdProp(Obj, PropInfo);
-  if (IsBooleanEnum(PropInfo->PropType)) WriteBoolean(V != 0);
-  else WriteInteger(V);
+  if (IsBooleanEnum(PropInfo->PropType))
+    WriteBoolean(V != 0);
+  else
+    WriteInteger(V);
 }
 
 void TCustomStreamer::WriteSetProp(TObject* Obj, PPropInfo PropInfo) {
@@ -271,10 +331,14 @@ void TCustomStreamer::WriteClassName(TObject*, const std::string& Name) {
 }
 
 void TCustomStreamer::WriteClassProp(TObject* Obj, PPropInfo PropInfo) {
-  if (auto* C = dynamic_cast<TCollection*>(Obj)) WriteCollection(C, PropInfo);
-  else if (auto* L = dynamic_cast<TObjectList*>(Obj)) WriteComponentList(L, PropInfo);
-  else if (auto* S = dynamic_cast<TStrings*>(Obj)) WriteStrings(S, PropInfo);
-  else WriteProperties(Obj);  // components, plain persistent objects and null
+  if (auto* C = AsClass<TCollection>(Obj))
+    WriteCollection(C, PropInfo);
+  else if (auto* L = AsClass<TObjectList>(Obj))
+    WriteComponentList(L, PropInfo);
+  else if (auto* S = AsClass<TStrings>(Obj))
+    WriteStrings(S, PropInfo);
+  else
+    WriteProperties(Obj);  // components, plain persistent objects and null
 }
 
 void TCustomStreamer::WriteAfterProp(TObject*, PPropInfo) {}
@@ -295,12 +359,14 @@ void TCustomStreamer::WriteListBegin(TObject* Obj, int32_t Count, PPropInfo) {
   WriteInteger(Count);
 }
 
-void TCustomStreamer::WriteListEnd(TObject* Obj, PPropInfo) { WritePropListEnd(Obj); }
+void TCustomStreamer::WriteListEnd(TObject* Obj, PPropInfo) {
+  WritePropListEnd(Obj);
+}
 
 void TCustomStreamer::WriteAfterListItem(TObject*, PPropInfo, int32_t) {}
 
 void TCustomStreamer::WriteBeforeListItem(TObject* Obj, PPropInfo, int32_t Index) {
-  if (auto* L = dynamic_cast<TObjectList*>(Obj)) {
+  if (auto* L = AsClass<TObjectList>(Obj)) {
     TObject* Item = L->Items(Index);
     WriteClassName(Item, Item ? Item->ClassName() : std::string());
   }
@@ -333,12 +399,14 @@ void TCustomStreamer::WriteStrings(TStrings* Strings, PPropInfo PropInfo) {
   WriteListBegin(Strings, Count, PropInfo);
   for (int32_t I = 0; I < Count; ++I) {
     // Every line but the last carries the "," separator, in every encoding.
-    if (I < Count - 1) WriteString(Strings->Strings(I) + ",");
-    else WriteString(Strings->Strings(I));
+    if (I < Count - 1)
+      WriteString(Strings->Strings(I) + ",");
+    else
+      WriteString(Strings->Strings(I));
     TObject* Attached = Strings->Objects(I);
     if (!Attached) {
       WriteIdentKind(ikNil);
-    } else if (Is<TPersistent>(Attached)) {
+    } else if (IsClass<TPersistent>(Attached)) {
       WriteClassName(Strings, Attached->ClassName());
       WriteProperties(Attached);
     }
@@ -349,11 +417,34 @@ void TCustomStreamer::WriteStrings(TStrings* Strings, PPropInfo PropInfo) {
 // ---------------------------------------------------------------------------
 // The property walk, reading
 
+namespace {
+bool SameName(const std::string& A, const std::string& B) {
+  if (A.size() != B.size()) return false;
+  for (size_t I = 0; I < A.size(); ++I) {
+    unsigned char X = static_cast<unsigned char>(A[I]), Y = static_cast<unsigned char>(B[I]);
+    if (X != Y && ((X | 0x20) != (Y | 0x20) || (X | 0x20) < 'a' || (X | 0x20) > 'z')) return false;
+  }
+  return true;
+}
+}  // namespace
+
 void TCustomStreamer::ReadProperties(TObject* Obj) {
   if (!ReadPropListBegin()) throw EStreamPropError(SBeginOfListNotFound);
+  // Streams list properties in name order: look for each name from the
+  // last one found onwards before falling back to the lookup by name.
+  std::span<const PPropInfo> Sorted =
+      Obj ? GetSortedProps(Obj->ClassType()) : std::span<const PPropInfo>();
+  size_t Hint = 0;
   while (!EndOfPropList()) {
     std::string Name = ReadPropName();
-    PPropInfo Info = GetPropInfo(Obj, Name);
+    PPropInfo Info = nullptr;
+    for (size_t K = Hint; K < Sorted.size(); ++K)
+      if (SameName(Sorted[K]->Name, Name)) {
+        Info = Sorted[K];
+        Hint = K + 1;
+        break;
+      }
+    if (!Info) Info = GetPropInfo(Obj, Name);
     if (!Info) {
       std::string Next = ReadPropName();
       throw EStreamPropError(Format(SUnknownPropInfo, {Next}));
@@ -363,13 +454,25 @@ void TCustomStreamer::ReadProperties(TObject* Obj) {
 }
 
 bool TCustomStreamer::EndOfPropList() {
+  if (FExactBinary && FMemRead) {
+    // The end marker 02 00 01 ">" checked in place.
+    int64_t Avail;
+    const uint8_t* P = FMemRead->PeekInline(Avail);
+    if (Avail >= 4 && P[0] == ikList && P[1] == ssString && P[2] == 1 && P[3] == '>') {
+      FMemRead->SetPositionInline(FMemRead->PositionInline() + 4);
+      return true;
+    }
+    if (Avail >= 1 && P[0] != ikList) return false;  // the marker cannot start here
+  }
   int64_t Pos = FStream->GetPosition();
   if (ReadPropListEnd()) return true;
   FStream->Seek(Pos, soBeginning);
   return false;
 }
 
-std::string TCustomStreamer::ReadPropName() { return ReadString(); }
+std::string TCustomStreamer::ReadPropName() {
+  return ReadString();
+}
 
 void TCustomStreamer::ReadProperty(TObject* Obj, PPropInfo PropInfo) {
   switch (PropInfo->Kind()) {
@@ -409,8 +512,12 @@ void TCustomStreamer::ReadProperty(TObject* Obj, PPropInfo PropInfo) {
   }
 }
 
-int32_t TCustomStreamer::ReadIntegerProp(TObject*, PPropInfo) { return ReadInteger(); }
-int32_t TCustomStreamer::ReadSetProp(TObject*, PPropInfo) { return ReadInteger(); }
+int32_t TCustomStreamer::ReadIntegerProp(TObject*, PPropInfo) {
+  return ReadInteger();
+}
+int32_t TCustomStreamer::ReadSetProp(TObject*, PPropInfo) {
+  return ReadInteger();
+}
 
 int32_t TCustomStreamer::ReadEnumProp(TObject*, PPropInfo PropInfo) {
   if (IsBooleanEnum(PropInfo->PropType)) return ReadBoolean() ? 1 : 0;
@@ -436,10 +543,14 @@ Extended TCustomStreamer::ReadFloatProp(TObject*, PPropInfo PropInfo) {
 
 void TCustomStreamer::ReadClassProp(TObject* Obj, PPropInfo PropInfo) {
   TObject* Value = GetObjectProp(Obj, PropInfo);
-  if (auto* C = dynamic_cast<TCollection*>(Value)) ReadCollection(C);
-  else if (auto* L = dynamic_cast<TObjectList*>(Value)) ReadComponentList(L);
-  else if (auto* S = dynamic_cast<TStrings*>(Value)) ReadStrings(S);
-  else ReadProperties(Value);
+  if (auto* C = AsClass<TCollection>(Value))
+    ReadCollection(C);
+  else if (auto* L = AsClass<TObjectList>(Value))
+    ReadComponentList(L);
+  else if (auto* S = AsClass<TStrings>(Value))
+    ReadStrings(S);
+  else
+    ReadProperties(Value);
 }
 
 bool TCustomStreamer::ReadPropListBegin() {
@@ -455,10 +566,12 @@ int32_t TCustomStreamer::ReadListBegin() {
   return ReadInteger();
 }
 
-bool TCustomStreamer::ReadListEnd() { return ReadPropListEnd(); }
+bool TCustomStreamer::ReadListEnd() {
+  return ReadPropListEnd();
+}
 
 TObject* TCustomStreamer::ReadBeforeListItem(TObject* List, bool CreateItem) {
-  if (!Is<TObjectList>(List)) return nullptr;
+  if (!IsClass<TObjectList>(List)) return nullptr;
   std::string Name = ReadClassName();
   if (CreateItem) return CreateComponent(List, Name);
   return nullptr;
@@ -516,9 +629,12 @@ void TCustomStreamer::ReadStrings(TStrings* Strings) {
     std::string Name = ReadString();
     TClass C = GetClass(Name);
     TObject* Obj;
-    if (C && C->InheritsFrom(TComponent::StaticClass())) Obj = CreateComponent(nullptr, Name);
-    else if (C) Obj = CreateObject(nullptr, C);
-    else Obj = CreateComponent(nullptr, Name);  // raises the runtime's class-not-found error
+    if (C && C->InheritsFrom(TComponent::StaticClass()))
+      Obj = CreateComponent(nullptr, Name);
+    else if (C)
+      Obj = CreateObject(nullptr, C);
+    else
+      Obj = CreateComponent(nullptr, Name);  // raises the runtime's class-not-found error
     // The attached object's properties are not read back (they stay in
     // the stream, where the next read trips over them). The string list
     // does not own it; the caller does.
@@ -612,15 +728,22 @@ Variant TCustomStreamer::ReadVariant() {
 // ---------------------------------------------------------------------------
 // Primitives of the binary encoding
 
-void TCustomStreamer::Write(const void* Buffer, int64_t Count) { FStream->WriteBuffer(Buffer, Count); }
+void TCustomStreamer::Write(const void* Buffer, int64_t Count) {
+  if (FMemWrite) {
+    if (FMemWrite->WriteInline(Buffer, Count) != Count) throw EWriteError(SWriteError);
+    return;
+  }
+  FStream->WriteBuffer(Buffer, Count);
+}
 
 void TCustomStreamer::Read(void* Buffer, int64_t Count) {
   // Passes straight to the stream, as the walk expects: past the end the
   // bytes read as zeros, so a truncated stream fails on the next marker or
   // name it looks for instead of on the read itself.
-  int64_t Got = FStream->Read(Buffer, Count);
+  int64_t Got = FMemRead ? FMemRead->ReadInline(Buffer, Count) : FStream->Read(Buffer, Count);
   if (Got < 0) Got = 0;
-  if (Got < Count) std::memset(static_cast<char*>(Buffer) + Got, 0, static_cast<size_t>(Count - Got));
+  if (Got < Count)
+    std::memset(static_cast<char*>(Buffer) + Got, 0, static_cast<size_t>(Count - Got));
 }
 
 void TCustomStreamer::WriteIdentKind(TIdentKind Value) {
@@ -630,12 +753,16 @@ void TCustomStreamer::WriteIdentKind(TIdentKind Value) {
 
 TIdentKind TCustomStreamer::ReadIdentKind() {
   uint8_t B;
-  Read(&B, 1);
+  ReadFixed<1>(&B);
   return static_cast<TIdentKind>(B);
 }
 
-void TCustomStreamer::WriteIdent(const std::string& Value) { WriteString(Value); }
-std::string TCustomStreamer::ReadIdent() { return ReadString(); }
+void TCustomStreamer::WriteIdent(const std::string& Value) {
+  WriteString(Value);
+}
+std::string TCustomStreamer::ReadIdent() {
+  return ReadString();
+}
 
 void TCustomStreamer::WriteInteger(int32_t Value) {
   uint8_t B[5];
@@ -661,17 +788,17 @@ void TCustomStreamer::WriteInteger(int32_t Value) {
 
 int32_t TCustomStreamer::ReadInteger() {
   uint8_t Tag;
-  Read(&Tag, 1);
+  ReadFixed<1>(&Tag);
   uint8_t B[4];
   switch (Tag) {
     case isInt8:
-      Read(B, 1);
+      ReadFixed<1>(B);
       return static_cast<int8_t>(B[0]);
     case isInt16:
-      Read(B, 2);
+      ReadFixed<2>(B);
       return static_cast<int16_t>(static_cast<uint16_t>(B[0] | (B[1] << 8)));
     case isInt32:
-      Read(B, 4);
+      ReadFixed<4>(B);
       return static_cast<int32_t>(static_cast<uint32_t>(B[0]) | (static_cast<uint32_t>(B[1]) << 8) |
                                   (static_cast<uint32_t>(B[2]) << 16) |
                                   (static_cast<uint32_t>(B[3]) << 24));
@@ -689,7 +816,7 @@ bool TCustomStreamer::ReadBoolean() {
   // Only the low 7 bits of the byte count, as when the runtime masks the
   // ordinal it reads for a Boolean property.
   uint8_t B;
-  Read(&B, 1);
+  ReadFixed<1>(&B);
   return (B & 0x7F) != 0;
 }
 
@@ -713,16 +840,17 @@ void TCustomStreamer::WriteString(const std::string& Value) {
 }
 
 std::string TCustomStreamer::ReadString() {
-  uint8_t Tag;
-  Read(&Tag, 1);
+  // The size tag and the first length byte in one read.
+  uint8_t Head[2];
+  ReadFixed<2>(Head);
+  uint8_t Tag = Head[0];
   int64_t Len;
   if (Tag == ssString) {
-    uint8_t L;
-    Read(&L, 1);
-    Len = L;
+    Len = Head[1];
   } else if (Tag == ssLString) {
     uint8_t B[4];
-    Read(B, 4);
+    B[0] = Head[1];
+    ReadFixed<3>(B + 1);
     Len = static_cast<int32_t>(static_cast<uint32_t>(B[0]) | (static_cast<uint32_t>(B[1]) << 8) |
                                (static_cast<uint32_t>(B[2]) << 16) |
                                (static_cast<uint32_t>(B[3]) << 24));
@@ -745,7 +873,7 @@ void TCustomStreamer::WriteFloat(Extended Value) {
 
 Extended TCustomStreamer::ReadFloat() {
   uint8_t B[10];
-  Read(B, 10);
+  ReadFixed<10>(B);
   return BytesToExtended(B);
 }
 
@@ -759,7 +887,7 @@ void TCustomStreamer::WriteSingle(float Value) {
 
 float TCustomStreamer::ReadSingle() {
   uint8_t B[4];
-  Read(B, 4);
+  ReadFixed<4>(B);
   uint32_t U = static_cast<uint32_t>(B[0]) | (static_cast<uint32_t>(B[1]) << 8) |
                (static_cast<uint32_t>(B[2]) << 16) | (static_cast<uint32_t>(B[3]) << 24);
   float F;
@@ -788,17 +916,25 @@ void TCustomStreamer::WriteDouble(double Value) {
 
 double TCustomStreamer::ReadDouble() {
   uint8_t B[8];
-  Read(B, 8);
+  ReadFixed<8>(B);
   uint64_t U = GetU64(B);
   double D;
   std::memcpy(&D, &U, 8);
   return D;
 }
 
-void TCustomStreamer::WriteCurrency(Currency Value) { WriteInt64(Value.Value); }
-Currency TCustomStreamer::ReadCurrency() { return Currency::FromScaled(ReadInt64()); }
-void TCustomStreamer::WriteDateTime(TDateTime Value) { WriteDouble(Value.Value); }
-TDateTime TCustomStreamer::ReadDateTime() { return TDateTime(ReadDouble()); }
+void TCustomStreamer::WriteCurrency(Currency Value) {
+  WriteInt64(Value.Value);
+}
+Currency TCustomStreamer::ReadCurrency() {
+  return Currency::FromScaled(ReadInt64());
+}
+void TCustomStreamer::WriteDateTime(TDateTime Value) {
+  WriteDouble(Value.Value);
+}
+TDateTime TCustomStreamer::ReadDateTime() {
+  return TDateTime(ReadDouble());
+}
 
 void TCustomStreamer::WriteInt64(int64_t Value) {
   uint8_t B[8];
@@ -808,7 +944,7 @@ void TCustomStreamer::WriteInt64(int64_t Value) {
 
 int64_t TCustomStreamer::ReadInt64() {
   uint8_t B[8];
-  Read(B, 8);
+  ReadFixed<8>(B);
   return static_cast<int64_t>(GetU64(B));
 }
 
@@ -823,14 +959,14 @@ void DeepCopy(TObject* Target, TObject* Source) {
 }
 
 Variant ObjectToVariant(TObject* Obj) {
-  if (Is<TComponentList>(Obj)) return Variant();
+  if (IsClass<TComponentList>(Obj)) return Variant();
   TMemoryStream Stream;
   TBinaryStreamer(&Stream).SaveToStream(Obj);
   return VarArrayFromBytes(Stream.Memory(), static_cast<size_t>(Stream.GetSize()));
 }
 
 TObject* VariantToObject(const Variant& V, TObject* Obj) {
-  if (Is<TComponentList>(Obj)) return nullptr;
+  if (IsClass<TComponentList>(Obj)) return nullptr;
   TMemoryStream Stream;
   int32_t High = VarArrayHighBound(V, 1);
   if (High >= 0) {
@@ -853,9 +989,13 @@ TObject* VariantToObject(const Variant& V, TObject* Obj) {
   return Streamer.CreateFromStream();
 }
 
-void ObjectToStream(TObject* Obj, TStream* Stream) { TBinaryStreamer(Stream).SaveToStream(Obj); }
+void ObjectToStream(TObject* Obj, TStream* Stream) {
+  TBinaryStreamer(Stream).SaveToStream(Obj);
+}
 
-void StreamToObject(TObject* Obj, TStream* Stream) { TBinaryStreamer(Stream).LoadFromStream(Obj); }
+void StreamToObject(TObject* Obj, TStream* Stream) {
+  TBinaryStreamer(Stream).LoadFromStream(Obj);
+}
 
 bool ComponentListsEqual(TComponentList* A, TComponentList* B) {
   if (!A || !B || A->ClassType() != B->ClassType()) return false;

@@ -297,6 +297,23 @@ class VEL_API TCustomMemoryStream : public TStream {
 
   void* Memory() const { return FMemory; }
 
+  // Inline forms of Read and of the position, for hot loops that know the
+  // stream's class overrides neither (the object streamers use them).
+  int64_t ReadInline(void* Buffer, int64_t Count) {
+    if (Count <= 0 || FPosition < 0 || FPosition >= FSize) return 0;
+    int64_t N = FSize - FPosition < Count ? FSize - FPosition : Count;
+    std::memcpy(Buffer, static_cast<const uint8_t*>(FMemory) + FPosition, static_cast<size_t>(N));
+    FPosition += N;
+    return N;
+  }
+  int64_t PositionInline() const { return FPosition; }
+  void SetPositionInline(int64_t Value) { FPosition = Value; }
+  // The bytes from the position to the end (none when it lies outside).
+  const uint8_t* PeekInline(int64_t& Available) const {
+    Available = (FPosition >= 0 && FPosition < FSize) ? FSize - FPosition : 0;
+    return static_cast<const uint8_t*>(FMemory) + (Available ? FPosition : 0);
+  }
+
  protected:
   TCustomMemoryStream() = default;
   void SetPointer(void* Ptr, int64_t Size) {
@@ -338,6 +355,16 @@ class VEL_API TMemoryStream : public TCustomMemoryStream {
   void LoadFromFile(const std::string& FileName);
 
   int64_t Capacity() const { return FCapacity; }
+  // Write, inline when the bytes fit in the capacity at or before the end.
+  int64_t WriteInline(const void* Buffer, int64_t Count) {
+    if (Count > 0 && FPosition >= 0 && FPosition <= FSize && FCapacity - FPosition >= Count) {
+      std::memmove(static_cast<uint8_t*>(FMemory) + FPosition, Buffer, static_cast<size_t>(Count));
+      FPosition += Count;
+      if (FPosition > FSize) FSize = FPosition;
+      return Count;
+    }
+    return Write(Buffer, Count);
+  }
   // Reserves (or gives back) memory; never below the current size.
   void SetCapacity(int64_t NewCapacity);
 
