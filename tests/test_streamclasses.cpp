@@ -536,6 +536,23 @@ TEST(BinaryStreamer, ReaderErrorsFromBuiltStreams) {
             "EStreamPropError: Unable to property info for ");
 }
 
+TEST(BinaryStreamer, HugeCountsEndWithTheStream) {
+  // Counts that promise more items than the stream holds stop at its end
+  // instead of adding two billion empty lines or items.
+  TContainer C;
+  Bytes Lines;
+  Lines.str("T").begin().str("Lines").begin().u8(3).u8(2).u8(0xFF).u8(0xFF).u8(0xFF).u8(0x7F);
+  EXPECT_EQ(ErrorOf([&] { Load(&C, Lines.B); }),
+            "EStreamPropError: Stream property error, end of list not found");
+  EXPECT_EQ(C.Lines->Count(), 0);
+  Bytes Items;
+  Items.str("T").begin().str("Items").begin().u8(3).u8(2).u8(0xFF).u8(0xFF).u8(0xFF).u8(0x7F);
+  Items.begin().end();
+  EXPECT_EQ(ErrorOf([&] { Load(&C, Items.B); }),
+            "EStreamPropError: Stream property error, end of list not found");
+  EXPECT_EQ(C.Items->Count(), 1);
+}
+
 TEST(BinaryStreamer, HugeLengthFailsBeforeAllocating) {
   // A 4-byte length of 2 GiB in a 20-byte stream.
   Bytes W;

@@ -173,6 +173,9 @@ class VEL_API TCustomStreamer : public TObject {
   // otherwise through Read.
   template <size_t Count>
   void ReadFixed(uint8_t* Buffer);
+  // Whether the stream has no byte left: a list whose count promises more
+  // items than the stream holds ends there instead of reading zeros.
+  bool AtEnd();
 
   // Direct access to a plain memory stream (set when the stream's class
   // is exactly TMemoryStream or TReadOnlyMemoryStream), and whether this
@@ -205,3 +208,4 @@ VEL_API void StreamToObject(TObject* Obj, TStream* Stream);
 VEL_API bool ComponentListsEqual(TComponentList* A, TComponentList* B);
 
 }  // namespace vel
+#include "vel/StreamClassesText.h"

@@ -586,10 +586,20 @@ std::string TCustomStreamer::ReadClassName() {
   return Result;
 }
 
+bool TCustomStreamer::AtEnd() {
+  if (FMemRead) {
+    int64_t Avail;
+    FMemRead->PeekInline(Avail);
+    return Avail == 0;
+  }
+  return FStream->GetPosition() >= FStream->GetSize();
+}
+
 void TCustomStreamer::ReadCollection(TCollection* Collection) {
   int32_t Count = ReadListBegin();
   if (Count < 0) throw EStreamPropError(Format(SFailedToReadCount, {Collection->ClassName()}));
   for (int32_t I = 0; I < Count; ++I) {
+    if (AtEnd()) throw EStreamPropError(SEndOfListNotFound);
     TCollectionItem* Item = AddCollectionItem(Collection);
     ReadBeforeListItem(Item, false);
     ReadProperties(Item);
@@ -602,6 +612,7 @@ void TCustomStreamer::ReadComponentList(TObjectList* List) {
   int32_t Count = ReadListBegin();
   if (Count < 0) throw EStreamPropError(Format(SFailedToReadCount, {List->ClassName()}));
   for (int32_t I = 0; I < Count; ++I) {
+    if (AtEnd()) throw EStreamPropError(SEndOfListNotFound);
     TObject* Obj = ReadBeforeListItem(List, true);
     try {
       ReadComponent(Obj);
@@ -620,6 +631,7 @@ void TCustomStreamer::ReadStrings(TStrings* Strings) {
   int32_t Count = ReadListBegin();
   if (Count < 0) throw EStreamPropError(Format(SFailedToReadCount, {Strings->ClassName()}));
   for (int32_t I = 0; I < Count; ++I) {
+    if (AtEnd()) throw EStreamPropError(SEndOfListNotFound);
     std::string S = ReadString();
     TIdentKind Kind = ReadIdentKind();
     if (Kind != ikClass) {
