@@ -42,7 +42,7 @@ inline bool IsClass(TObject* Obj) {
 }
 
 bool IsDateTimeType(PTypeInfo T) {
-  return T->Name == "TDateTime";
+  return T == TypeInfoDateTime() || (T->Name.size() == 9 && T->Name == "TDateTime");
 }
 
 bool IsBooleanEnum(PTypeInfo T) {
@@ -852,6 +852,16 @@ void TCustomStreamer::WriteString(const std::string& Value) {
 }
 
 std::string TCustomStreamer::ReadString() {
+  if (FExactBinary && FMemRead) {
+    // A short string taken straight from the buffer.
+    int64_t Avail;
+    const uint8_t* P = FMemRead->PeekInline(Avail);
+    if (Avail >= 2 && P[0] == ssString && Avail >= 2 + static_cast<int64_t>(P[1])) {
+      size_t Len = P[1];
+      FMemRead->SetPositionInline(FMemRead->PositionInline() + 2 + static_cast<int64_t>(Len));
+      return std::string(reinterpret_cast<const char*>(P + 2), Len);
+    }
+  }
   // The size tag and the first length byte in one read.
   uint8_t Head[2];
   ReadFixed<2>(Head);
