@@ -176,6 +176,9 @@ class VEL_API TCustomStreamer : public TObject {
   // Whether the stream has no byte left: a list whose count promises more
   // items than the stream holds ends there instead of reading zeros.
   bool AtEnd();
+  // ReadProperty for the exact binary streamer: the same reads, without
+  // the virtual dispatch nobody overrides there.
+  void ReadPropertyBinary(TObject* Obj, PPropInfo PropInfo);
 
   // Direct access to a plain memory stream (set when the stream's class
   // is exactly TMemoryStream or TReadOnlyMemoryStream), and whether this

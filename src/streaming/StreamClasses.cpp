@@ -436,7 +436,7 @@ void TCustomStreamer::ReadProperties(TObject* Obj) {
       Obj ? GetSortedProps(Obj->ClassType()) : std::span<const PPropInfo>();
   size_t Hint = 0;
   while (!EndOfPropList()) {
-    std::string Name = ReadPropName();
+    std::string Name = FExactBinary ? TCustomStreamer::ReadPropName() : ReadPropName();
     PPropInfo Info = nullptr;
     for (size_t K = Hint; K < Sorted.size(); ++K)
       if (SameName(Sorted[K]->Name, Name)) {
@@ -449,7 +449,8 @@ void TCustomStreamer::ReadProperties(TObject* Obj) {
       std::string Next = ReadPropName();
       throw EStreamPropError(Format(SUnknownPropInfo, {Next}));
     }
-    ReadProperty(Obj, Info);
+    if (FExactBinary) ReadPropertyBinary(Obj, Info);
+    else ReadProperty(Obj, Info);
   }
 }
 
@@ -510,6 +511,46 @@ void TCustomStreamer::ReadProperty(TObject* Obj, PPropInfo PropInfo) {
     default:
       break;
   }
+}
+
+void TCustomStreamer::ReadPropertyBinary(TObject* Obj, PPropInfo PropInfo) {
+  const TPropAccess& A = *PropInfo->Access;
+  switch (PropInfo->Kind()) {
+    case tkInteger:
+    case tkChar:
+    case tkWChar:
+    case tkSet:
+      A.SetOrd(Obj, TCustomStreamer::ReadInteger());
+      return;
+    case tkEnumeration:
+      if (IsBooleanEnum(PropInfo->PropType)) A.SetOrd(Obj, TCustomStreamer::ReadBoolean() ? 1 : 0);
+      else A.SetOrd(Obj, TCustomStreamer::ReadInteger());
+      return;
+    case tkString:
+    case tkLString:
+    case tkWString:
+      A.SetStr(Obj, TCustomStreamer::ReadString());
+      return;
+    case tkFloat:
+      if (IsDateTimeType(PropInfo->PropType)) {
+        A.SetFloat(Obj, TCustomStreamer::ReadDouble());
+        return;
+      }
+      switch (PropInfo->PropType->Data.FloatType) {
+        case ftSingle:
+          A.SetFloat(Obj, TCustomStreamer::ReadSingle());
+          return;
+        case ftDouble:
+          A.SetFloat(Obj, TCustomStreamer::ReadDouble());
+          return;
+        default:
+          break;
+      }
+      break;
+    default:
+      break;
+  }
+  TCustomStreamer::ReadProperty(Obj, PropInfo);
 }
 
 int32_t TCustomStreamer::ReadIntegerProp(TObject*, PPropInfo) {
