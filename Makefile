@@ -6,7 +6,7 @@
 # Debian packages the build needs. Add new build dependencies here (and find
 # them in cmake/VelDependencies.cmake).
 PACKAGES := cmake ninja-build g++ make pkg-config \
-            libgtest-dev libgmock-dev libbenchmark-dev \
+            libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev \
             clang libclang-rt-14-dev
 
 PREFIX ?= /usr/local

@@ -17,3 +17,17 @@
 
 set(VEL_PRIVATE_LIBS "")
 set(VEL_PC_REQUIRES_PRIVATE "")
+
+# pugixml (Debian libpugixml-dev): only the test suite uses it, to check that
+# the XML streamer's output parses. It is linked to the test executable once
+# that exists (tests/ is added after this file is read).
+if(VEL_BUILD_TESTS)
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(PUGIXML REQUIRED IMPORTED_TARGET GLOBAL pugixml)
+  function(vel_link_test_dependencies)
+    if(TARGET vel_tests)
+      target_link_libraries(vel_tests PRIVATE PkgConfig::PUGIXML)
+    endif()
+  endfunction()
+  cmake_language(DEFER DIRECTORY "${PROJECT_SOURCE_DIR}" CALL vel_link_test_dependencies)
+endif()

@@ -121,6 +121,26 @@ std::string ValueText(TObject* Obj, PPropInfo P, int Indent) {
   }
 }
 
+// Writes Obj with a streamer of class T and prints the text, a line break
+// (CR, or CR LF) shown as a new line.
+template <class T>
+void PrintEncoded(const char* Title, TObject* Obj) {
+  TMemoryStream Stream;
+  T(&Stream).SaveToStream(Obj);
+  std::string Text(static_cast<const char*>(Stream.Memory()),
+                   static_cast<size_t>(Stream.GetSize()));
+  std::string Shown;
+  for (size_t I = 0; I < Text.size(); ++I) {
+    if (Text[I] != '\r') {
+      Shown += Text[I];
+    } else if (I + 1 >= Text.size() || Text[I + 1] != '\n') {
+      Shown += '\n';
+    }
+  }
+  std::printf("\n%s, %lld bytes:\n%s\n", Title, static_cast<long long>(Stream.GetSize()),
+              Shown.c_str());
+}
+
 }  // namespace
 
 int main() {
@@ -162,6 +182,14 @@ int main() {
               Copy->ClassName().c_str());
   PrintProperties(Copy, 0);
   delete Copy;
+
+  // The write-only encodings of the same object. Their lines are separated
+  // by a single carriage return (dates end theirs with CR LF); shown here
+  // one per line.
+  PrintEncoded<TTextStreamer>("Indented text (TTextStreamer)", Portfolio);
+  PrintEncoded<TObjectTextStreamer>("Object text (TObjectTextStreamer)", Portfolio);
+  PrintEncoded<TXMLStreamer>("XML (TXMLStreamer)", Portfolio);
+  PrintEncoded<TClassTreeStreamer>("Class tree (TClassTreeStreamer)", Portfolio);
 
   delete Portfolio;
   return 0;
