@@ -11,11 +11,6 @@
 
 namespace vel {
 
-// Names of the property kinds, so that TypeKinds can be published as a set.
-VEL_ENUM(TTypeKind, "tkUnknown", "tkInteger", "tkChar", "tkEnumeration", "tkFloat", "tkString",
-         "tkSet", "tkClass", "tkMethod", "tkWChar", "tkLString", "tkWString", "tkVariant",
-         "tkArray", "tkRecord", "tkInterface", "tkInt64", "tkDynArray")
-
 using namespace streammsg;
 
 const char* const BoolIdents[2][2] = {{"False", "True"}, {"N", "Y"}};

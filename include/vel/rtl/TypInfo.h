@@ -144,6 +144,11 @@ VEL_API PTypeInfo MakeMethodTypeInfo(const char* Name);
     return Info;                                                                \
   }
 
+// The kind names, so that sets of kinds can be published.
+VEL_ENUM(TTypeKind, "tkUnknown", "tkInteger", "tkChar", "tkEnumeration", "tkFloat", "tkString",
+         "tkSet", "tkClass", "tkMethod", "tkWChar", "tkLString", "tkWString", "tkVariant",
+         "tkArray", "tkRecord", "tkInterface", "tkInt64", "tkDynArray")
+
 // An integer type known under its own name, like the runtime's TColor:
 //   struct TColorName { static constexpr const char* Name = "TColor"; };
 //   using TColor = TNamedInteger<TColorName>;
