@@ -4,6 +4,7 @@
 #include <typeinfo>
 #include <utility>
 
+#include "vel/rtl/Filer.h"
 #include "vel/rtl/Streams.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/TypInfo.h"
@@ -64,6 +65,28 @@ int AnsiCompareStrOrdered(std::string_view A, std::string_view B) {
 
 VEL_IMPLEMENT(TStrings)
 VEL_IMPLEMENT(TStringList)
+
+void TStrings::DefineProperties(TFiler* Filer) {
+  bool HasData;
+  if (auto* A = dynamic_cast<TStrings*>(Filer->Ancestor())) HasData = !Equals(A);
+  else HasData = Count() > 0;
+  Filer->DefineProperty(
+      "Strings",
+      [this](TReader* Reader) {
+        Reader->ReadListBegin();
+        WithUpdate(this, [&] {
+          Clear();
+          while (!Reader->EndOfList()) Add(Reader->ReadString());
+        });
+        Reader->ReadListEnd();
+      },
+      [this](TWriter* Writer) {
+        Writer->WriteListBegin();
+        for (int I = 0; I < Count(); ++I) Writer->WriteString(Get(I));
+        Writer->WriteListEnd();
+      },
+      HasData);
+}
 
 // ---------------------------------------------------------------------------
 // TStrings

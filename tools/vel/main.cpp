@@ -2,6 +2,8 @@
 //
 //   vel version        prints the library version
 //   vel help           lists the commands
+//   vel dfm totext FILE  a component stream as text, to stdout
+//   vel dfm tobin FILE   the text form of a component stream as binary, to stdout
 #include <cstdio>
 #include <cstring>
 #include <functional>
@@ -9,6 +11,8 @@
 #include <vector>
 
 #include "vel/Version.h"
+#include "vel/rtl/ObjectText.h"
+#include "vel/rtl/Streams.h"
 #include "vel/rtl/System.h"
 
 namespace {
@@ -35,12 +39,33 @@ int Version(int, char**) {
   return 0;
 }
 
+// Converts a component stream file between its binary and text forms.
+int Dfm(int argc, char** argv) {
+  const bool ToText = argc == 2 && std::strcmp(argv[0], "totext") == 0;
+  const bool ToBin = argc == 2 && std::strcmp(argv[0], "tobin") == 0;
+  if (!ToText && !ToBin) {
+    std::fprintf(stderr, "usage: vel dfm totext FILE | vel dfm tobin FILE\n");
+    return 2;
+  }
+  vel::TFileStream In(argv[1], vel::fmOpenRead | vel::fmShareDenyWrite);
+  vel::TMemoryStream Out;
+  if (ToText) vel::ObjectBinaryToText(&In, &Out);
+  else vel::ObjectTextToBinary(&In, &Out);
+  const size_t N = static_cast<size_t>(Out.GetSize());
+  if (std::fwrite(Out.Memory(), 1, N, stdout) != N || std::fflush(stdout) != 0) {
+    std::fprintf(stderr, "vel: cannot write the output\n");
+    return 1;
+  }
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   Commands() = {
       {"help", "help", Help},
       {"version", "version", Version},
+      {"dfm", "dfm totext|tobin FILE", Dfm},
   };
   if (argc < 2) {
     Help(argc, argv);

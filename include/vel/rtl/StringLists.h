@@ -57,6 +57,9 @@ class VEL_API TStrings : public TPersistent {
   // Copies the lines, objects and text settings of another TStrings; any
   // other source is handed to TPersistent::Assign.
   void Assign(TPersistent* Source) override;
+  // In component streams the lines are the defined property "Strings": a
+  // list of strings, written when there are lines.
+  void DefineProperties(TFiler* Filer) override;
 
   int Count() const { return GetCount(); }
   std::string Strings(int Index) const { return Get(Index); }
