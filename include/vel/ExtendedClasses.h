@@ -1,0 +1,303 @@
+// Typed lists over the runtime's lists (objects, components, persistent
+// objects, integers, handles), method lists, and notify lists: lists of
+// receivers to which one call posts a window message, dispatches a message
+// record, or posts a thread message.
+//
+// Delivery rules of the notify lists:
+//  - to windows (TCustomNotifyList::Notify(Msg, WParam, LParam), used
+//    through TNotifyMsgList and TThreadNotifyList): PostMessage to each
+//    entry's window, asynchronous, delivered later on the window's thread;
+//  - to objects (Notify(Msg*) and TSearchNotifyList for non-thread
+//    receivers): the receiver's Dispatch, synchronously, in the caller's
+//    thread;
+//  - to threads (TSearchNotifyList for TThread receivers): PostThreadMessage
+//    of the message number alone (WParam and LParam 0).
+// The lists never own their receivers: a receiver that is freed must be
+// deleted from the lists first.
+//
+// Thread safety: only TThreadNotifyList locks, and only once LockDisabled
+// has been cleared (it is set at construction); everything else belongs to
+// one thread at a time.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "vel/rtl/Components.h"
+#include "vel/rtl/Lists.h"
+#include "vel/rtl/Messages.h"
+#include "vel/rtl/Persistent.h"
+#include "vel/rtl/StringLists.h"
+#include "vel/rtl/SyncObjs.h"
+
+namespace vel {
+
+VEL_EXCEPTION(ENotifyError, Exception);
+
+inline constexpr const char* SObjectNotFound = "Object not found in notification list";
+inline constexpr const char* SPostMessageFailed =
+    "Postmessage() Failed in NotifyMsgList, HWND: %d, MSGID: %d\n\r%s";
+inline constexpr const char* SMessageDispatchFailure =
+    "Message Dispatch Failure : Class: %s,  MsgId: %d\n\rReason: %s";
+
+// ---------------------------------------------------------------------------
+// Typed lists
+
+class VEL_API TVelObjectList : public TObjectList {
+  VEL_CLASS(TVelObjectList, TObjectList)
+ public:
+  explicit TVelObjectList(bool AOwnsObjects = true) : TObjectList(AOwnsObjects) {}
+  ~TVelObjectList() override;
+  bool Contains(TObject* Obj) const { return IndexOf(Obj) >= 0; }
+  bool IsEmpty() const { return Count() == 0; }
+};
+
+class VEL_API TVelComponentList : public TComponentList {
+  VEL_CLASS(TVelComponentList, TComponentList)
+ public:
+  explicit TVelComponentList(bool AOwnsObjects = true) : TComponentList(AOwnsObjects) {}
+  ~TVelComponentList() override;
+  bool Contains(TComponent* Component) const { return IndexOf(Component) >= 0; }
+  bool IsEmpty() const { return Count() == 0; }
+};
+
+// An object list of persistent objects.
+class VEL_API TPersistentList : public TVelObjectList {
+  VEL_CLASS(TPersistentList, TVelObjectList)
+ public:
+  explicit TPersistentList(bool AOwnsObjects = true) : TVelObjectList(AOwnsObjects) {}
+  ~TPersistentList() override;
+  int Add(TPersistent* Item) { return TObjectList::Add(Item); }
+  bool Contains(TPersistent* Item) const { return TVelObjectList::Contains(Item); }
+  TPersistent* GetItem(int Index) const { return static_cast<TPersistent*>(Get(Index)); }
+  int IndexOf(TPersistent* Item) const { return TObjectList::IndexOf(Item); }
+  void Insert(int Index, TPersistent* Item) { TObjectList::Insert(Index, Item); }
+  int Remove(TPersistent* Item) { return TObjectList::Remove(Item); }
+  void SetItem(int Index, TPersistent* Item) { Put(Index, Item); }
+  TPersistent* Items(int Index) const { return GetItem(Index); }
+  TPersistent* operator[](int Index) const { return GetItem(Index); }
+};
+
+// 32-bit signed integers held in the slots of a pointer list.
+class VEL_API TIntegerList : public TList {
+  VEL_CLASS(TIntegerList, TList)
+ public:
+  TIntegerList() = default;
+  ~TIntegerList() override;
+  int Add(int32_t Value) { return TList::Add(ToPtr(Value)); }
+  bool Contains(int32_t Value) const { return IndexOf(Value) >= 0; }
+  // Removes the first occurrence of Value and returns it; 0 when absent.
+  int32_t Extract(int32_t Value) { return FromPtr(TList::Extract(ToPtr(Value))); }
+  int32_t First() const { return FromPtr(TList::First()); }
+  int32_t Last() const { return FromPtr(TList::Last()); }
+  int32_t GetItem(int Index) const { return FromPtr(Get(Index)); }
+  int IndexOf(int32_t Value) const { return TList::IndexOf(ToPtr(Value)); }
+  void Insert(int Index, int32_t Value) { TList::Insert(Index, ToPtr(Value)); }
+  int Remove(int32_t Value) { return TList::Remove(ToPtr(Value)); }
+  void SetItem(int Index, int32_t Value) { Put(Index, ToPtr(Value)); }
+  int32_t Items(int Index) const { return GetItem(Index); }
+  int32_t operator[](int Index) const { return GetItem(Index); }
+  // Ascending, by signed comparison, with the runtime list's sort.
+  void Sort();
+
+ protected:
+  static void* ToPtr(int32_t Value) {
+    return reinterpret_cast<void*>(static_cast<intptr_t>(Value));
+  }
+  static int32_t FromPtr(void* P) { return static_cast<int32_t>(reinterpret_cast<intptr_t>(P)); }
+};
+
+// Window handles as integers.
+class VEL_API THandleList : public TIntegerList {
+  VEL_CLASS(THandleList, TIntegerList)
+ public:
+  THandleList() = default;
+  ~THandleList() override;
+  int Add(HWND Handle) { return TIntegerList::Add(static_cast<int32_t>(Handle)); }
+};
+
+// ---------------------------------------------------------------------------
+// Method lists
+
+// One registered method and the sender it is registered for.
+struct TMethodData {
+  void* Code = nullptr;
+  void* Data = nullptr;
+  TObject* Sender = nullptr;
+};
+
+// Methods with the sender each is registered for, in insertion order. The
+// records are owned by the list.
+class VEL_API TMethodList : public TObject {
+  VEL_CLASS(TMethodList, TObject)
+ public:
+  TMethodList();
+  ~TMethodList() override;
+
+  // Appends (Method, Sender) unless Method.Code is null. No duplicate check.
+  void Add(const TMethod& Method, TObject* Sender);
+  void Clear();
+  // Raises EListError "List index out of bounds (%d)" for a bad index.
+  void Delete(int Index);
+  // The first record registered for Sender, or null.
+  TMethodData* FindSender(TObject* Sender) const;
+  int GetCount() const;
+  int Count() const { return GetCount(); }
+  // A copy of the record at Index (EListError for a bad index).
+  TMethodData GetItem(int Index) const;
+  int IndexOf(TObject* Sender) const;
+  // Resets Data to the empty method and a null sender.
+  void InitData(TMethodData& Data) const;
+  // Appends a zero-filled record and returns it.
+  TMethodData* NewData();
+  virtual void Notify(TObject* Sender) = 0;
+
+ private:
+  TList* FList;
+};
+
+// Notify events by sender: Notify(Sender) calls the first event registered
+// for Sender (only that one, also when more are registered).
+class VEL_API TNotifyEventList : public TMethodList {
+  VEL_CLASS(TNotifyEventList, TMethodList)
+ public:
+  TNotifyEventList() = default;
+  ~TNotifyEventList() override;
+  void Add(const TNotifyEvent& Event, TObject* Sender) { TMethodList::Add(Event, Sender); }
+  void Notify(TObject* Sender) override;
+};
+
+// ---------------------------------------------------------------------------
+// Notify lists
+
+// Receivers, each with the decimal text of its window handle (or no text),
+// in a string list, in insertion order; a receiver may be listed more than
+// once.
+class VEL_API TCustomNotifyList : public TComponent {
+  VEL_CLASS(TCustomNotifyList, TComponent)
+ public:
+  explicit TCustomNotifyList(TComponent* AOwner = nullptr);
+  ~TCustomNotifyList() override;
+
+  // Appends (Receiver, Handle); nothing when Receiver is null or Handle 0.
+  virtual void Add(TObject* Receiver, uint32_t Handle);
+  // Appends Receiver without a handle; nothing when Receiver is null.
+  virtual void Add(TObject* Receiver);
+  // Posts the message to every entry's window, over the count taken at the
+  // start; an entry whose object is null is deleted (the entry moving into
+  // its place is skipped). A refused post is ignored. When an entry's
+  // handle cannot be used (an entry without a handle), the broadcast ends
+  // with the error of formatting "Postmessage() Failed in NotifyMsgList,
+  // HWND: %d, MSGID: %d\n\r%s" with the entry's text, which is a string
+  // for %d: EConvertError "Format '...' invalid or incompatible with
+  // argument" from Format, in place of the ENotifyError it describes.
+  virtual void Notify(uint32_t Msg, int32_t WParam, int32_t LParam);
+  // Calls every receiver's Dispatch with Msg in the calling thread.
+  // Exceptions end the broadcast and propagate.
+  virtual void Notify(void* Msg);
+  // Deletes the first entry of Receiver; ENotifyError "Object not found in
+  // notification list" when there is none.
+  virtual void Delete(TObject* Receiver);
+  int Count() const;
+
+ protected:
+  void CreateList();
+  void FreeList();
+  TStringList* FList = nullptr;
+};
+
+// Receivers with window handles.
+class VEL_API TNotifyMsgList : public TCustomNotifyList {
+  VEL_CLASS(TNotifyMsgList, TCustomNotifyList)
+ public:
+  explicit TNotifyMsgList(TComponent* AOwner = nullptr) : TCustomNotifyList(AOwner) {}
+  ~TNotifyMsgList() override;
+  using TCustomNotifyList::Add;
+  using TCustomNotifyList::Notify;
+  void Add(TObject* Receiver, uint32_t Handle) override;
+  void Notify(uint32_t Msg, int32_t WParam, int32_t LParam) override;
+};
+
+// Receivers without handles.
+class VEL_API TNotifyDispatchList : public TCustomNotifyList {
+  VEL_CLASS(TNotifyDispatchList, TCustomNotifyList)
+ public:
+  explicit TNotifyDispatchList(TComponent* AOwner = nullptr) : TCustomNotifyList(AOwner) {}
+  ~TNotifyDispatchList() override;
+  using TCustomNotifyList::Add;
+  using TCustomNotifyList::Notify;
+  void Add(TObject* Receiver) override;
+  void Notify(void* Msg) override;
+};
+
+// A TNotifyMsgList whose Add(Receiver, Handle), Delete and Notify(Msg,
+// WParam, LParam) run inside DoEnter/DoLeave. The lock is one critical
+// section shared by all instances: each construction installs a new one,
+// each destruction retires the current one (retired sections stay valid
+// until the library is unloaded, so a list still inside one is safe; when
+// none is current, DoEnter makes one), and DoLeave always leaves the
+// section that the same thread's DoEnter entered for this list. DoEnter does
+// nothing while LockDisabled is true, as it is after construction.
+class VEL_API TThreadNotifyList : public TNotifyMsgList {
+  VEL_CLASS(TThreadNotifyList, TNotifyMsgList)
+ public:
+  explicit TThreadNotifyList(TComponent* AOwner = nullptr);
+  ~TThreadNotifyList() override;
+  using TCustomNotifyList::Add;
+  using TCustomNotifyList::Notify;
+  void Add(TObject* Receiver, uint32_t Handle) override;
+  void Notify(uint32_t Msg, int32_t WParam, int32_t LParam) override;
+  void Delete(TObject* Receiver) override;
+
+  bool Entered() const { return FEntered.load(std::memory_order_relaxed); }
+  // Cleared by users that want the locking.
+  bool LockDisabled = true;
+
+ protected:
+  virtual void DoEnter();
+  virtual void DoLeave();
+
+ private:
+  std::atomic<bool> FEntered{false};
+};
+
+enum TSearchNotifyOption : uint8_t { noFolderChange, noFoundFile };
+using TSearchNotifyOptions = TSet<TSearchNotifyOption>;
+
+// Receivers with the notifications they want, in a pointer list of records.
+class VEL_API TSearchNotifyList : public TComponent {
+  VEL_CLASS(TSearchNotifyList, TComponent)
+ public:
+  explicit TSearchNotifyList(TComponent* AOwner = nullptr);
+  ~TSearchNotifyList() override;
+
+  // Appends a record; no null or duplicate check. Options beyond the first
+  // eight values are not kept.
+  void Add(TObject* Receiver, TSearchNotifyOptions Options);
+  // Removes the first record of Receiver; ENotifyError "Object not found in
+  // notification list" when there is none.
+  void Delete(TObject* Receiver);
+  int IndexOF(TObject* Receiver) const;
+  int IndexOf(TObject* Receiver) const { return IndexOF(Receiver); }
+  int Count() const;
+  // Delivers Msg (a message record: its first 32 bits are the number) to
+  // every receiver whose options contain Option, in order. A failure ends
+  // the broadcast with ENotifyError "Message Dispatch Failure : Class: %s,
+  //  MsgId: %d\n\rReason: %s" (receiver class, message number, reason).
+  void Notify(void* Msg, TSearchNotifyOption Option);
+  // A TThread receiver gets the message number posted to its thread (WParam
+  // and LParam 0; returns whether the post succeeded); any other receiver's
+  // Dispatch is called with Msg (returns true). A null receiver raises
+  // EInvalidPointer "Invalid pointer operation".
+  virtual bool DispatchNotification(void* Msg, TObject* Receiver);
+
+ private:
+  struct TRecord {
+    TObject* Receiver = nullptr;
+    uint8_t Options = 0;
+  };
+  TList* FList;
+};
+
+}  // namespace vel
