@@ -487,7 +487,9 @@ void TWriter::WriteProperty(TPersistent* Instance, PPropInfo P) {
     case tkEnumeration:
     case tkSet: {
       const int32_t V = A->GetOrd(Instance);
-      if (V == P->Default) return;
+      // A property declared without a default is always written, whatever
+      // it holds (also the marker value itself).
+      if (P->Default != NoDefault && V == P->Default) return;
       WritePropName(P->Name);
       if (Kind == tkInteger) {
         WriteInteger(V);

@@ -900,7 +900,18 @@ std::string TCustomStreamer::ReadString() {
     if (Avail >= 2 && P[0] == ssString && Avail >= 2 + static_cast<int64_t>(P[1])) {
       size_t Len = P[1];
       FMemRead->SetPositionInline(FMemRead->PositionInline() + 2 + static_cast<int64_t>(Len));
-      return std::string(reinterpret_cast<const char*>(P + 2), Len);
+      std::string S;
+      if (Len < 16 && Avail >= 18 && S.capacity() >= 15) {
+        // Short names and values: one fixed 16-byte copy into the string's
+        // own buffer beats a variable-length copy; the terminator is put
+        // back after it.
+        S.resize(Len);
+        std::memcpy(S.data(), P + 2, 16);
+        S.data()[Len] = '\0';
+        return S;
+      }
+      S.assign(reinterpret_cast<const char*>(P + 2), Len);
+      return S;
     }
   }
   // The size tag and the first length byte in one read.
