@@ -3,6 +3,7 @@
 // Loaded, references between components, and damaged input.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <string>
 #include <vector>
@@ -820,4 +821,18 @@ TEST(FilerWriter, CyclesAreCutAndArraysRefused) {
   E.Var = VarArrayCreate({0, 1}, varInteger);
   TMemoryStream M;
   EXPECT_THROW(WriteComponent(&M, &E), EWriteError);
+}
+
+TEST(FilerFormat, PropertyWithoutDefaultIsWrittenEvenAtTheMarkerValue) {
+  // Without a declared default every value is written, the marker itself too,
+  // so that what was read writes back the same.
+  TEveryKind E;
+  E.SetName("Root");
+  E.Int = INT32_MIN;
+  Bytes Out = Save(&E);
+  const Bytes Entry = {3, 'I', 'n', 't', vaInt32, 0x00, 0x00, 0x00, 0x80};
+  EXPECT_NE(std::search(Out.begin(), Out.end(), Entry.begin(), Entry.end()), Out.end());
+  std::unique_ptr<TComponent> Back(Load(Out));
+  EXPECT_EQ(static_cast<TEveryKind*>(Back.get())->Int, INT32_MIN);
+  EXPECT_EQ(Save(Back.get()), Out);
 }
