@@ -146,6 +146,21 @@ struct VEL_API IApplicationService : IInterface {
   virtual void Terminate() = 0;
 };
 
+// The package manager's service interface; the package operations are
+// declared by the package manager's unit.
+struct VEL_API IPackageManager : IApplicationService {
+  VEL_INTERFACE_ID("{A3B85A4A-FE2D-4CB9-B069-FEC56DCE9824}")
+};
+
+// Serialises work on a shared object across threads.
+struct VEL_API IThreadSync : IInterface {
+  VEL_INTERFACE_ID("{37AA8C06-E609-4BBC-8415-44FD79CE4ACB}")
+  virtual void Lock() = 0;
+  virtual void Unlock() = 0;
+};
+inline constexpr TGUID IID_IPackageManager = IPackageManager::InterfaceID;
+inline constexpr TGUID IID_IThreadSync = IThreadSync::InterfaceID;
+
 // ---------------------------------------------------------------------------
 // Threads
 
@@ -167,10 +182,23 @@ struct VEL_API IThreadDataRequests : IInterface {
   virtual void WaitForRequests() = 0;
 };
 
+// The process-wide registry of worker threads (see velThreads.h).
+struct VEL_API IThreadManager : IInterface {
+  VEL_INTERFACE_ID("{4CBAA3D8-9B9C-11D5-8FF8-0000F6B2E357}")
+  virtual int32_t GetCount() = 0;
+  // The registered thread at Index; EListError "List index out of bounds
+  // (%d)" outside 0..GetCount-1.
+  virtual IPtr<IThread> GetThread(int32_t Index) = 0;
+  virtual void Initialize() = 0;
+  virtual void RegisterThread(IThread* Thread) = 0;
+  virtual void UnRegisterThread(IThread* Thread) = 0;
+  virtual void TerminateThreads() = 0;
+  // The registered thread whose GetThreadID is ThreadID, or null.
+  virtual IPtr<IThread> FindThread(uint32_t ThreadID) = 0;
+};
+inline constexpr TGUID IID_IThreadManager = IThreadManager::InterfaceID;
+
 // Identifiers of interfaces declared by the units that implement them.
-inline constexpr TGUID IID_IThreadManager = TGUID::Parse("{4CBAA3D8-9B9C-11D5-8FF8-0000F6B2E357}");
-inline constexpr TGUID IID_IPackageManager = TGUID::Parse("{A3B85A4A-FE2D-4CB9-B069-FEC56DCE9824}");
-inline constexpr TGUID IID_IThreadSync = TGUID::Parse("{37AA8C06-E609-4BBC-8415-44FD79CE4ACB}");
 
 // The name of an interface of this unit (or of IInterface, IDispatch,
 // IStream) with identifier IID, e.g. "INotifier"; other identifiers give

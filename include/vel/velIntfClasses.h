@@ -19,12 +19,26 @@
 //
 // Thread safety: none; a source and its notifiers belong to one thread at a
 // time (other threads marshal to it first).
+//
+// The unit also holds the interfaced building blocks of the thread classes:
+// TInterfacedThread (a thread the thread manager sees through IThread),
+// TWindowsHandle (a hidden window owned by an object), the abstract
+// interfaced bases, TSubscribeThread (window handles a thread posts its
+// notifications to) and TInterfacedThreadManager (the thread list, the
+// manager's window and its notifications; velThreads.h adds the singleton
+// and the data requests). Their thread rules are given with each class.
 #pragma once
 
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
+#include "vel/ExtendedClasses.h"
+#include "vel/IntfClasses.h"
 #include "vel/rtl/Com.h"
 #include "vel/rtl/Lists.h"
+#include "vel/rtl/StringLists.h"
 #include "vel/velInterfaces.h"
 
 namespace vel {
@@ -225,6 +239,216 @@ class VEL_API TExSubscribeNotify : public TCustomSubscribeNotify, public IExNoti
 
  private:
   IResolveNotify* FResolveNotify = nullptr;
+};
+
+// ---------------------------------------------------------------------------
+// Threads, windows and the thread manager's base
+
+VEL_EXCEPTION(EWindowsHandleError, Exception);
+
+inline constexpr const char* SReceiverNil = "Receiver can not be nil";
+
+// A runtime thread that the thread manager sees through IThread. Like the
+// runtime's TIntfThread it is not reference counted (its owner frees it),
+// so the manager's counted references do not keep it alive.
+//
+// Construction follows the runtime thread's rule: pass true to the base
+// and call Resume() as the last statement of the most derived constructor
+// that offers running creation.
+class VEL_API TInterfacedThread : public TIntfThread, public IThread {
+  VEL_CLASS(TInterfacedThread, TIntfThread)
+  VEL_INTERFACES(IThread)
+ public:
+  explicit TInterfacedThread(bool CreateSuspended);
+  ~TInterfacedThread() override;
+
+  // Posts Msg to the thread manager's window when the thread is registered
+  // (ThreadMgrHwnd > 0); nothing otherwise. The post's result is ignored.
+  virtual void NotifyMgr(UINT Msg, WPARAM WParam, LPARAM LParam);
+  // The runtime's Terminate; TBaseThread also leaves the thread manager.
+  void Terminate() override;
+
+  int32_t GetThreadMgrHwnd() override { return FThreadMgrHwnd.load(std::memory_order_acquire); }
+  void SetThreadMgrHwnd(int32_t Value) override {
+    FThreadMgrHwnd.store(Value, std::memory_order_release);
+  }
+  uint32_t GetThreadID() override { return ThreadID(); }
+  bool GetTerminated() override { return Terminated(); }
+  uintptr_t GetHandle() override { return Handle(); }
+  int32_t ThreadMgrHwnd() const { return FThreadMgrHwnd.load(std::memory_order_acquire); }
+
+ private:
+  std::atomic<int32_t> FThreadMgrHwnd{0};
+};
+
+// Abstract interfaced bases: reference-counted objects whose interface
+// methods descendants supply.
+class VEL_API TInterfacedHandle : public TInterfacedObject, public IHandle {
+  VEL_CLASS(TInterfacedHandle, TInterfacedObject)
+  VEL_INTERFACES(IHandle)
+ public:
+  ~TInterfacedHandle() override;
+};
+
+class VEL_API TInterfacedAllocHandle : public TInterfacedHandle, public IAllocHandle {
+  VEL_CLASS(TInterfacedAllocHandle, TInterfacedHandle)
+  VEL_INTERFACES(IAllocHandle)
+ public:
+  ~TInterfacedAllocHandle() override;
+};
+
+class VEL_API TInterfacedApplicationService : public TInterfacedObject,
+                                              public IApplicationService {
+  VEL_CLASS(TInterfacedApplicationService, TInterfacedObject)
+  VEL_INTERFACES(IApplicationService)
+ public:
+  ~TInterfacedApplicationService() override;
+};
+
+class VEL_API TInterfacedPackageManager : public TInterfacedApplicationService,
+                                          public IPackageManager,
+                                          public IThreadSync {
+  VEL_CLASS(TInterfacedPackageManager, TInterfacedApplicationService)
+  VEL_INTERFACES(IPackageManager, IThreadSync)
+ public:
+  ~TInterfacedPackageManager() override;
+  // IPackageManager's IApplicationService part is the same service.
+  void Initialize() override = 0;
+  void Terminate() override = 0;
+};
+
+class VEL_API TInterfacedSubscribeThread : public TNotifyThread, public ISubscribeThread {
+  VEL_CLASS(TInterfacedSubscribeThread, TNotifyThread)
+  VEL_INTERFACES(ISubscribeThread)
+ public:
+  ~TInterfacedSubscribeThread() override;
+};
+
+// A hidden window owned by an object: its messages go to the receiver's
+// message handlers (Dispatch; unhandled numbers to its DefaultHandler, never
+// to a system default procedure). The window is made on the first
+// GetHandle/HandleNeeded by the calling thread, which then owns it and
+// dispatches its messages, and is destroyed by FreeHandle or with the
+// object. It is never made twice: after FreeHandle, HandleAllocated stays
+// true and GetHandle returns the destroyed window's handle (posts to it
+// fail; handles are never reused).
+class VEL_API TWindowsHandle : public TInterfacedAllocHandle, public IWindowsProcedure {
+  VEL_CLASS(TWindowsHandle, TInterfacedAllocHandle)
+  VEL_INTERFACES(IWindowsProcedure)
+ public:
+  // EWindowsHandleError "Receiver can not be nil" for a null Receiver. The
+  // receiver is not owned and must outlive the window.
+  explicit TWindowsHandle(TObject* Receiver);
+  ~TWindowsHandle() override;
+
+  HWND GetHandle() override;
+  bool HandleAllocated() override { return FWindowHandle != 0; }
+  void HandleNeeded() override;
+  void CreateHandle() override;
+  void FreeHandle() override;
+  void WndProc(TMessage& Message) override;
+  TObject* Receiver() const { return FReceiver; }
+
+ protected:
+  HWND FWindowHandle = 0;
+  TObject* FReceiver;
+};
+
+// Window handles a thread posts its notifications to. Registration keeps
+// its long-standing rules: RegisterHandle adds a handle unless it is
+// already listed at an index above 0 (so the first handle may be listed
+// twice), UnRegisterHandle removes a handle only when it is listed at an
+// index above 0 (so the first one is never removed). Registration belongs
+// to one thread; ThreadNotify only posts and may be called from any thread
+// while the list does not change.
+class VEL_API TSubscribeThread : public TInterfacedSubscribeThread {
+  VEL_CLASS(TSubscribeThread, TInterfacedSubscribeThread)
+ public:
+  TSubscribeThread();
+  ~TSubscribeThread() override;
+
+  // Posts the message to every listed handle in order (a duplicate gets it
+  // once per entry); failed posts are ignored.
+  void ThreadNotify(UINT Msg, int32_t WParam, int32_t LParam) override;
+  void RegisterHandle(HWND Handle) override;
+  void UnRegisterHandle(HWND Handle) override;
+  const THandleList& Handles() const { return *FHandles; }
+
+ private:
+  THandleList* FHandles;
+};
+
+// The thread list, the manager's window and the notifications of threads
+// starting (toExecute) and ending (toTerminate), delivered through a
+// resolved broadcast to IThreadNotifier subscribers.
+//
+// The window belongs to the main thread whichever thread makes the manager,
+// so answers posted to it are dispatched by the main thread's message loop
+// to the manager's message handlers (and to nothing else).
+//
+// Thread safety: every method may be called from any thread. One recursive
+// lock serialises registration, termination and the subscriber list;
+// notifications run in the thread that registers or ends a thread, under
+// that lock, so a subscriber must not wait for another thread that uses
+// the manager.
+class VEL_API TInterfacedThreadManager : public TInterfacedObject,
+                                         public IThreadManager,
+                                         public IResolveNotify,
+                                         public ISubscribe,
+                                         public IHandle {
+  VEL_CLASS(TInterfacedThreadManager, TInterfacedObject)
+  VEL_INTERFACES(IThreadManager, IResolveNotify, ISubscribe, IHandle)
+ public:
+  TInterfacedThreadManager();
+  // Terminates the registered threads, waits until every thread that was
+  // ever registered and has started has ended (see JoinThreads), then frees
+  // the notify source, the window and the list.
+  ~TInterfacedThreadManager() override;
+
+  int32_t GetCount() override;
+  IPtr<IThread> GetThread(int32_t Index) override;
+  // Does nothing here.
+  void Initialize() override;
+  // Adds Thread unless listed, gives it the window handle and notifies
+  // toExecute. A listed thread is left alone.
+  void RegisterThread(IThread* Thread) override;
+  // Clears the thread's window handle, removes it and notifies toTerminate.
+  // Unknown threads are ignored.
+  void UnRegisterThread(IThread* Thread) override;
+  // Calls Terminate on every registered thread, the last first (each one
+  // leaves the list on the way; one that does not is removed here with its
+  // notification), then clears the list. Threads blocked in a wait of
+  // their own are not woken here; the destructor wakes and joins them.
+  void TerminateThreads() override;
+  IPtr<IThread> FindThread(uint32_t ThreadID) override;
+
+  void AddNotifier(ICustomNotifier* Notifier) override;
+  void RemoveNotifier(ICustomNotifier* Notifier) override;
+  // IThreadNotifier subscribers get ThreadNotification(Unk, Operation);
+  // other identifiers are ignored.
+  void DoNotify(ICustomNotifier* Notifier, const TGUID& IID, IInterface* Unk,
+                int32_t Operation) override;
+  // The manager's window.
+  HWND GetHandle() override;
+  IPtr<IAllocHandle> AllocHandle() const { return FAllocHandle; }
+
+ protected:
+  // Waits until every thread ever registered here that has started has run
+  // to its end, posting each one the quit message (WM_QUIT) until a post
+  // succeeds so that message-queue threads waiting for messages wake up.
+  // On the main thread, Synchronize requests (OnTerminate, OnException) are
+  // served meanwhile. Threads still suspended are not waited for (they run
+  // nothing until resumed or freed).
+  void JoinThreads();
+
+  std::recursive_mutex FLock;
+
+ private:
+  TStringList* FStrings;
+  IPtr<IInterfaceList> FThreads;
+  IPtr<IAllocHandle> FAllocHandle;
+  IPtr<ISubscribe> FSubscribe;
+  std::vector<std::shared_ptr<const TThreadExitState>> FExits;
 };
 
 }  // namespace vel

@@ -599,8 +599,7 @@ void SetLastError(DWORD Code) {
 
 namespace {
 
-HWND RegisterWindow(TWndMethod Method, TObject* Receiver) {
-  TQueue* Q = CurrentQueue();
+HWND RegisterWindow(TWndMethod Method, TObject* Receiver, TQueue* Q) {
   TRegistry& R = Reg();
   std::unique_lock<std::shared_mutex> L(R.Lock);
   if (R.Windows.size() >= static_cast<size_t>(LastHandle - FirstHandle))
@@ -620,11 +619,30 @@ HWND RegisterWindow(TWndMethod Method, TObject* Receiver) {
 }  // namespace
 
 HWND AllocateHWnd(TWndMethod Method) {
-  return RegisterWindow(Method, nullptr);
+  return RegisterWindow(Method, nullptr, CurrentQueue());
 }
 
 HWND AllocateHWnd(TObject* Receiver) {
-  return RegisterWindow(TWndMethod(), Receiver);
+  return RegisterWindow(TWndMethod(), Receiver, CurrentQueue());
+}
+
+namespace {
+// The main thread's queue, opened for posts: a window of the main thread
+// gives it a queue as if the main thread had made the window itself.
+TQueue* OpenMainQueue() {
+  TQueue* Q = MainQueue();
+  std::lock_guard<std::mutex> L(Q->M);
+  Q->Open = true;
+  return Q;
+}
+}  // namespace
+
+HWND AllocateMainThreadHWnd(TWndMethod Method) {
+  return RegisterWindow(Method, nullptr, OpenMainQueue());
+}
+
+HWND AllocateMainThreadHWnd(TObject* Receiver) {
+  return RegisterWindow(TWndMethod(), Receiver, OpenMainQueue());
 }
 
 void DeallocateHWnd(HWND Wnd) {

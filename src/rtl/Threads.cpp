@@ -20,6 +20,7 @@ TThread::TThread(bool CreateSuspended) {
   if (Err != 0) throw EThread(Format(SThreadCreateError, {std::strerror(Err)}));
   std::unique_lock<std::mutex> L(FLock);
   FCond.wait(L, [this] { return FIdKnown; });
+  FExitState->ThreadID = FThreadID;
 }
 
 TThread::~TThread() {
@@ -31,6 +32,7 @@ TThread::~TThread() {
     FTerminated.store(true, std::memory_order_release);
     if (FState.load(std::memory_order_relaxed) == tsCreated) {
       FState.store(tsAbandoned, std::memory_order_release);
+      FExitState->Started.store(true, std::memory_order_release);
       FCond.notify_all();
     }
   }
@@ -68,6 +70,7 @@ void* TThread::ThreadProc(void* Arg) {
     }
   }
   bool Free = !Abandoned && T->FreeOnTerminate();
+  std::shared_ptr<TThreadExitState> Exit = T->FExitState;
   detail::ReleaseThreadQueue();
   {
     std::lock_guard<std::mutex> L(T->FLock);
@@ -81,6 +84,8 @@ void* TThread::ThreadProc(void* Arg) {
     T->FJoined = true;
     delete T;
   }
+  Exit->Exited.store(true, std::memory_order_release);
+  WakeMainThread();
   return nullptr;
 }
 
@@ -88,6 +93,7 @@ void TThread::Resume() {
   std::lock_guard<std::mutex> L(FLock);
   if (FState.load(std::memory_order_relaxed) == tsCreated) {
     FState.store(tsRunning, std::memory_order_release);
+    FExitState->Started.store(true, std::memory_order_release);
     FCond.notify_all();
   }
 }
@@ -104,6 +110,28 @@ uint32_t TThread::WaitFor() {
     FCond.wait(L, [this] { return FFinished.load(std::memory_order_relaxed); });
   }
   return static_cast<uint32_t>(FReturnValue);
+}
+
+bool TThread::WaitFor(uint32_t Timeout) {
+  if (Timeout == INFINITE) {
+    WaitFor();
+    return true;
+  }
+  if (GetCurrentThreadId() == FThreadID)
+    throw EThread(Format(SThreadError, {std::strerror(EDEADLK), EDEADLK}));
+  const auto Deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(Timeout);
+  if (GetCurrentThreadId() == MainThreadID()) {
+    while (!Finished()) {
+      auto Left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          Deadline - std::chrono::steady_clock::now());
+      if (Left.count() <= 0) break;
+      CheckSynchronize(static_cast<uint32_t>(Left.count()));
+    }
+  } else {
+    std::unique_lock<std::mutex> L(FLock);
+    FCond.wait_until(L, Deadline, [this] { return FFinished.load(std::memory_order_relaxed); });
+  }
+  return Finished();
 }
 
 void TThread::Synchronize(const TThreadMethod& Method) {

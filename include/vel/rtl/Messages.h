@@ -144,6 +144,12 @@ VEL_API HWND AllocateHWnd(TWndMethod Method);
 // The same with Receiver->Dispatch as procedure: the message record goes to
 // the receiver's handler for its number, or to its DefaultHandler.
 VEL_API HWND AllocateHWnd(TObject* Receiver);
+// The same, but the window belongs to the main thread whichever thread
+// calls: its messages are dispatched by the main thread's message loop.
+// For objects that live on the main thread but may be created by a worker
+// (the thread manager's window).
+VEL_API HWND AllocateMainThreadHWnd(TWndMethod Method);
+VEL_API HWND AllocateMainThreadHWnd(TObject* Receiver);
 // Destroys the window: later posts to it fail, queued messages for it are
 // no longer dispatched, pending sends to it return 0. Unknown handles are
 // ignored.

@@ -53,6 +53,7 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <memory>
 #include <mutex>
 
 #include "vel/rtl/Messages.h"
@@ -67,6 +68,16 @@ inline constexpr const char* SThreadError = "Thread Error: %s (%d)";
 
 // A method run by Synchronize.
 using TThreadMethod = TEvent<void()>;
+
+// What stays known about a thread after its object may be gone (a
+// FreeOnTerminate thread frees itself): whether it ever left the suspended
+// state, and whether its POSIX thread has run its last library code. Lets
+// a shutdown wait for threads it does not own.
+struct TThreadExitState {
+  std::atomic<bool> Started{false};
+  std::atomic<bool> Exited{false};
+  uint32_t ThreadID = 0;
+};
 
 class VEL_API TThread : public TObject {
   VEL_CLASS(TThread, TObject)
@@ -88,6 +99,12 @@ class VEL_API TThread : public TObject {
   // avoided (35)" when called by the thread itself. Must not be called on a
   // FreeOnTerminate thread, which may be gone.
   uint32_t WaitFor();
+  // Waits at most Timeout milliseconds (INFINITE for ever) for the thread to
+  // finish, serving Synchronize requests on the main thread; returns
+  // Finished(). Same restrictions as WaitFor.
+  bool WaitFor(uint32_t Timeout);
+  // Shared with the thread, so it may be kept beyond the object's life.
+  std::shared_ptr<const TThreadExitState> ExitState() const { return FExitState; }
 
   bool FreeOnTerminate() const { return FFreeOnTerminate.load(std::memory_order_acquire); }
   void SetFreeOnTerminate(bool Value) { FFreeOnTerminate.store(Value, std::memory_order_release); }
@@ -131,6 +148,7 @@ class VEL_API TThread : public TObject {
   bool FJoined = false;
   int32_t FReturnValue = 0;
   std::exception_ptr FFatalException;
+  std::shared_ptr<TThreadExitState> FExitState = std::make_shared<TThreadExitState>();
   std::mutex FLock;
   std::condition_variable FCond;
   bool FIdKnown = false;
