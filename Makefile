@@ -63,6 +63,7 @@ demo: build
 	  exit 1; \
 	fi
 	build/examples/vel_demo
+	build/examples/vel_threads_demo
 
 test: build
 	$(CTEST) --preset default

@@ -4,11 +4,21 @@
 // news to every subscriber of a notify source. Its OnTerminate, run on the
 // main thread, ends the application's message loop.
 //
-// Exits with 0 when every result and every notification arrived in order.
+// Then a valuation desk, a message-queue thread registered with the thread
+// manager, answers data requests: the main thread sends one request per
+// client (the client's name and an interface to file the answer through)
+// and waits for all of them with WaitForRequests.
+//
+// Exits with 0 when every result and every notification arrived in order
+// and every request was answered.
 #include <cmath>
 #include <cstdio>
+#include <map>
+#include <mutex>
 #include <string>
 #include <vector>
+
+#include "vel/ThreadClasses.h"
 
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SysUtils.h"
@@ -115,11 +125,76 @@ class TConsole : public TObject {
   bool Failed = false;
 };
 
+// Where the valuation desk files its answers; called on the desk's thread.
+struct IValuationFile : IInterface {
+  VEL_INTERFACE_ID("{6B0F3C1A-2E4D-4B7C-9A1E-5D3F2C1B0A99}")
+  virtual void File(const std::string& Client, double Value) = 0;
+};
+
+class TValuationFile : public TInterfacedObject, public IValuationFile {
+  VEL_CLASS(TValuationFile, TInterfacedObject)
+  VEL_INTERFACES(IValuationFile)
+ public:
+  void File(const std::string& Client, double Value) override {
+    std::lock_guard<std::mutex> L(FLock);
+    Values[Client] = Value;
+  }
+  std::map<std::string, double> Values;
+
+ private:
+  std::mutex FLock;
+};
+
+// Values a client's portfolio at the five-year mark for every data
+// request (message 1825) and answers the thread manager (1826).
+class TValuationDesk final : public TMsgQueThread {
+  VEL_CLASS(TValuationDesk, TMsgQueThread)
+ public:
+  TValuationDesk() : TMsgQueThread(nullptr, true, false) { Resume(); }
+  ~TValuationDesk() override { StopThread(true); }
+
+  void WMDataRequest(TMessage& Msg) {
+    auto* Request = reinterpret_cast<TRequestRecord*>(Msg.WParam);
+    IPtr<IValuationFile> Target;
+    if (TakeRequestInterface(Request, Target.Out()) == S_OK) {
+      for (const TPortfolio& P : Portfolios)
+        if (Request->Data == P.Client) Target->File(P.Client, P.Capital * std::pow(1.0 + P.Rate, 5));
+    }
+    NotifyMgr(WM_COMPLETEDREQUEST, static_cast<WPARAM>(Request->ID), 0);
+  }
+};
+
 }  // namespace demo
 
 using namespace demo;
 VEL_IMPLEMENT(TProjectionWindow, message<&TProjectionWindow::WMProjection>(WM_PROJECTION))
 VEL_IMPLEMENT(TProjectionThread)
+VEL_IMPLEMENT(TValuationFile)
+VEL_IMPLEMENT(TValuationDesk, message<&TValuationDesk::WMDataRequest>(WM_DATAREQUEST))
+
+namespace demo {
+
+// Sends one data request per client to the desk and waits for the answers.
+bool RunValuationDesk() {
+  std::printf("asking the valuation desk for five-year values:\n");
+  IPtr<IThreadManager> Manager = ThreadManager();
+  IPtr<IThreadDataRequests> Requests = Manager.As<IThreadDataRequests>();
+  auto* Desk = new TValuationDesk;
+  IPtr<IValuationFile> File(new TValuationFile);
+  for (const TPortfolio& P : Portfolios)
+    Requests->SendDataRequest(static_cast<int32_t>(Desk->ThreadID()), IIDOf<IValuationFile>,
+                              File, P.Client);
+  Requests->WaitForRequests();  // runs the main thread's message loop meanwhile
+  auto& Values = static_cast<TValuationFile*>(File.get())->Values;
+  for (const auto& [Client, Value] : Values) std::printf("  %-9s %12.2f\n", Client.c_str(), Value);
+  const bool Ok = Values.size() == Portfolios.size() &&
+                  static_cast<TThreadManager*>(Manager.get())->Completed();
+  delete Desk;  // wakes the desk with the quit message and waits for it
+  std::printf("%s\n", Ok ? "every request was answered" : "requests are missing");
+  return Ok;
+}
+
+}  // namespace demo
 
 int main() {
   TConsole Console;
@@ -151,5 +226,6 @@ int main() {
             Console.ResultsAtBroadcast == 4;
   std::printf("%s\n", Ok ? "all results and notifications arrived in order"
                          : "results or notifications are missing");
+  Ok = RunValuationDesk() && Ok;
   return Ok ? 0 : 1;
 }
