@@ -167,7 +167,7 @@ class TWorker : public TMsgQueThread {
   std::atomic<int> Worked{0};
   bool HoldRequests = false;
   TSimpleEvent AnswerFirst;  // set by the test to let the held first answer go
-  std::vector<std::string> Seen;  // request data, in arrival order (worker only)
+  std::atomic<int> Seen{0};  // requests received
 
   void WMWork(TMessage& M) {
     StatusInWork = Status().ToOrd();
@@ -179,7 +179,7 @@ class TWorker : public TMsgQueThread {
     auto* R = reinterpret_cast<TRequestRecord*>(M.WParam);
     IPtr<IStringsAdapter> Target;
     if (TakeRequestInterface(R, Target.Out()) == S_OK) Target->Append(R->Data + " done");
-    Seen.push_back(R->Data);
+    ++Seen;
     if (!HoldRequests) {
       NotifyMgr(WM_COMPLETEDREQUEST, static_cast<WPARAM>(R->ID), 0);
       return;
@@ -371,8 +371,9 @@ TEST(MsgQueThread, StatusThroughItsLifeAndEventsAroundEachMessage) {
   T->Resume();
   ASSERT_TRUE(PumpUntil([&] { return T->Status() == TThreadStatus{tsExecuting, tsIdle}; }));
 
-  // Posts are refused until the queue exists; it exists now.
-  ASSERT_TRUE(PostThreadMessage(T->ThreadID(), WM_WORK, 21, 0));
+  // Idle is set just before the first wait makes the queue: posts may be
+  // refused until then.
+  ASSERT_TRUE(PumpUntil([&] { return PostThreadMessage(T->ThreadID(), WM_WORK, 21, 0); }));
   ASSERT_TRUE(PostThreadMessage(T->ThreadID(), WM_NOHANDLER, 0, 0));
   ASSERT_TRUE(PumpUntil([&] { return Rec.Events.size() == 4; }));
   EXPECT_EQ(Rec.Events, (std::vector<std::string>{"received 10", "processed 10", "received 12",
@@ -646,7 +647,7 @@ TEST_F(ThreadManagerTest, UnknownAnswersAreIgnored) {
   M->SendDataRequest(Tid, IIDOf<IStringsAdapter>, nullptr, "a");
   const HWND MgrWnd = M->GetHandle();
   PostMessage(MgrWnd, WM_COMPLETEDREQUEST, static_cast<WPARAM>(Tid + 77), 0);
-  ASSERT_TRUE(PumpUntil([&] { return W->Seen.size() == 1; }));
+  ASSERT_TRUE(PumpUntil([&] { return W->Seen == 1; }));
   Application->ProcessMessages();
   EXPECT_EQ(M->RequestCount(), 1);
   EXPECT_FALSE(M->Completed());
@@ -702,6 +703,7 @@ TEST_F(ThreadManagerTest, ReleasingTheManagerTerminatesAndJoinsWaitingQueueThrea
     W->Resume();
   }
   IPtr<IThreadManager> M = ThreadManager();
+  auto* Watcher = new TThreadWatcher(M.As<ISubscribe>());
   ASSERT_TRUE(PumpUntil([&] {
     for (int I = 0; I < M->GetCount(); ++I)
       if (!static_cast<TWorker*>(M->GetThread(I).get())->Status().Contains(tsIdle)) return false;
@@ -713,4 +715,10 @@ TEST_F(ThreadManagerTest, ReleasingTheManagerTerminatesAndJoinsWaitingQueueThrea
   for (auto& E : Exits) EXPECT_TRUE(E->Exited);
   EXPECT_EQ(Rec.Terminated, 4);  // their OnTerminate ran on this thread meanwhile
   EXPECT_TRUE(Rec.AllOnMain);
+  // One toTerminate each, sent while the manager went; the source it
+  // belonged to detached the watcher.
+  ASSERT_EQ(Watcher->Log.size(), 4u);
+  for (auto& Line : Watcher->Log) EXPECT_EQ(Line.substr(0, 2), "1:");
+  EXPECT_FALSE(Watcher->GetSubscribe());
+  delete Watcher;
 }
