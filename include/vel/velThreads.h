@@ -79,6 +79,9 @@ class VEL_API TBaseThread : public TInterfacedThread {
   ~TBaseThread() override;
   // The runtime's Terminate, then leaves the thread manager.
   void Terminate() override;
+
+ private:
+  void LeaveManager();
 };
 
 // The singleton thread manager with data requests.

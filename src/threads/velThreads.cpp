@@ -55,20 +55,21 @@ TBaseThread::TBaseThread(bool CreateSuspended) : TInterfacedThread(true) {
 }
 
 TBaseThread::~TBaseThread() {
-  if (GetThreadMgrHwnd() > 0) {
-    IPtr<IThread> Self;
-    if (Supports(static_cast<TObject*>(this), Self))
-      if (IPtr<IThreadManager> M = CurrentThreadManager()) M->UnRegisterThread(Self);
-  }
+  LeaveManager();
 }
 
 void TBaseThread::Terminate() {
   TInterfacedThread::Terminate();
-  if (GetThreadMgrHwnd() > 0) {
-    IPtr<IThread> Self;
-    if (Supports(static_cast<TObject*>(this), Self))
-      if (IPtr<IThreadManager> M = CurrentThreadManager()) M->UnRegisterThread(Self);
-  }
+  LeaveManager();
+}
+
+void TBaseThread::LeaveManager() {
+  if (GetThreadMgrHwnd() <= 0) return;
+  IPtr<IThread> Self;
+  // The manager that exists now, never a new one: a thread may end while
+  // the manager is being freed.
+  if (Supports(static_cast<TObject*>(this), Self))
+    if (IPtr<IThreadManager> M = CurrentThreadManager()) M->UnRegisterThread(Self);
 }
 
 // ---------------------------------------------------------------------------
