@@ -7,7 +7,11 @@
 # them in cmake/VelDependencies.cmake).
 PACKAGES := cmake ninja-build g++ make pkg-config \
             libgtest-dev libgmock-dev libbenchmark-dev libpugixml-dev \
-            clang libclang-rt-14-dev
+            clang libclang-rt-14-dev \
+            libsqlite3-dev sqlite3 libcrypto++-dev libsoci-dev libcli11-dev \
+            unixodbc-dev odbc-mdbtools postgresql \
+            python3-olefile libgsf-1-dev \
+            binutils-mingw-w64-x86-64 binutils-mingw-w64-i686 gcovr
 
 PREFIX ?= /usr/local
 JOBS := 2
@@ -57,13 +61,17 @@ build: deps
 	$(call configure,default,build)
 	$(CMAKE) --build build -j$(JOBS)
 
+# Runs every example program, vel_demo first, then the others in name order.
 demo: build
-	@if [ ! -x build/examples/vel_demo ]; then \
+	@set -e; \
+	if [ ! -x build/examples/vel_demo ]; then \
 	  echo "demo: build/examples/vel_demo was not built (is there an examples/demo.cpp?)"; \
 	  exit 1; \
-	fi
-	build/examples/vel_demo
-	build/examples/vel_threads_demo
+	fi; \
+	for e in build/examples/vel_demo $$(ls build/examples/vel_* | grep -v '/vel_demo$$' | sort); do \
+	  [ -x "$$e" ] && [ -f "$$e" ] || continue; \
+	  echo "== $$e"; "$$e"; \
+	done
 
 test: build
 	$(CTEST) --preset default

@@ -18,15 +18,45 @@
 set(VEL_PRIVATE_LIBS "")
 set(VEL_PC_REQUIRES_PRIVATE "")
 
-# pugixml (Debian libpugixml-dev): only the test suite uses it, to check that
-# the XML streamer's output parses. It is linked to the test executable once
-# that exists (tests/ is added after this file is read).
+find_package(PkgConfig REQUIRED)
+
+# pugixml (libpugixml-dev): the XML configuration file, the XML walker, and
+# the tests that check the XML streamer's output.
+pkg_check_modules(PUGIXML REQUIRED IMPORTED_TARGET GLOBAL pugixml)
+list(APPEND VEL_PRIVATE_LIBS PkgConfig::PUGIXML)
+list(APPEND VEL_PC_REQUIRES_PRIVATE pugixml)
+
+# SQLite (libsqlite3-dev): the registry hives.
+pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET GLOBAL sqlite3)
+list(APPEND VEL_PRIVATE_LIBS PkgConfig::SQLITE3)
+list(APPEND VEL_PC_REQUIRES_PRIVATE sqlite3)
+
+# Crypto++ (libcrypto++-dev): the CAST-256 block function of file encryption.
+pkg_check_modules(CRYPTOPP REQUIRED IMPORTED_TARGET GLOBAL libcrypto++)
+list(APPEND VEL_PRIVATE_LIBS PkgConfig::CRYPTOPP)
+list(APPEND VEL_PC_REQUIRES_PRIVATE libcrypto++)
+
+# SOCI (libsoci-dev): the database connection. Debian ships neither a CMake
+# package nor a pkg-config file for it, so the core and the backends the
+# library uses are found by name.
+find_path(SOCI_INCLUDE_DIR soci/soci.h REQUIRED)
+foreach(Lib soci_core soci_sqlite3 soci_postgresql soci_odbc)
+  find_library(VEL_${Lib}_LIBRARY ${Lib} REQUIRED)
+endforeach()
+add_library(vel_soci INTERFACE IMPORTED GLOBAL)
+target_include_directories(vel_soci INTERFACE "${SOCI_INCLUDE_DIR}")
+target_link_libraries(vel_soci INTERFACE
+  ${VEL_soci_core_LIBRARY} ${VEL_soci_sqlite3_LIBRARY}
+  ${VEL_soci_postgresql_LIBRARY} ${VEL_soci_odbc_LIBRARY})
+list(APPEND VEL_PRIVATE_LIBS vel_soci)
+
+# CLI11 (libcli11-dev, header only): the vel tool's command line.
+find_package(CLI11 2.1 REQUIRED CONFIG)
+
 if(VEL_BUILD_TESTS)
-  find_package(PkgConfig REQUIRED)
-  pkg_check_modules(PUGIXML REQUIRED IMPORTED_TARGET GLOBAL pugixml)
   function(vel_link_test_dependencies)
     if(TARGET vel_tests)
-      target_link_libraries(vel_tests PRIVATE PkgConfig::PUGIXML)
+      target_link_libraries(vel_tests PRIVATE PkgConfig::PUGIXML PkgConfig::SQLITE3)
     endif()
   endfunction()
   cmake_language(DEFER DIRECTORY "${PROJECT_SOURCE_DIR}" CALL vel_link_test_dependencies)

@@ -1,86 +1,79 @@
-// vel: the command-line tool of VelClassesLib.
-//
-//   vel version        prints the library version
-//   vel help           lists the commands
-//   vel dfm totext FILE  a component stream as text, to stdout
-//   vel dfm tobin FILE   the text form of a component stream as binary, to stdout
+// vel: the command-line tool of VelClassesLib. One subcommand per area, each
+// in a file of its own that registers itself (Commands.h); `vel --help` and
+// `vel COMMAND --help` list them.
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <functional>
+#include <exception>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "Commands.h"
 #include "vel/Version.h"
-#include "vel/rtl/ObjectText.h"
-#include "vel/rtl/Streams.h"
 #include "vel/rtl/System.h"
+
+namespace vel::tool {
+
+int Status = 0;
 
 namespace {
 
-struct Command {
-  const char* Name;
-  const char* Usage;
-  std::function<int(int, char**)> Run;
+struct TEntry {
+  std::string Name;
+  std::string Description;
+  Registration::TSetup Setup;
 };
 
-std::vector<Command>& Commands() {
-  static std::vector<Command> List;
+std::vector<TEntry>& Entries() {
+  static std::vector<TEntry> List;
   return List;
-}
-
-int Help(int, char**) {
-  std::printf("usage: vel COMMAND [ARGS]\n\ncommands:\n");
-  for (const Command& C : Commands()) std::printf("  %-28s\n", C.Usage);
-  return 0;
-}
-
-int Version(int, char**) {
-  std::printf("vel %s (libvelclasses %s)\n", VEL_VERSION_STRING, vel::LibraryVersion());
-  return 0;
-}
-
-// Converts a component stream file between its binary and text forms.
-int Dfm(int argc, char** argv) {
-  const bool ToText = argc == 2 && std::strcmp(argv[0], "totext") == 0;
-  const bool ToBin = argc == 2 && std::strcmp(argv[0], "tobin") == 0;
-  if (!ToText && !ToBin) {
-    std::fprintf(stderr, "usage: vel dfm totext FILE | vel dfm tobin FILE\n");
-    return 2;
-  }
-  vel::TFileStream In(argv[1], vel::fmOpenRead | vel::fmShareDenyWrite);
-  vel::TMemoryStream Out;
-  if (ToText) vel::ObjectBinaryToText(&In, &Out);
-  else vel::ObjectTextToBinary(&In, &Out);
-  const size_t N = static_cast<size_t>(Out.GetSize());
-  if (std::fwrite(Out.Memory(), 1, N, stdout) != N || std::fflush(stdout) != 0) {
-    std::fprintf(stderr, "vel: cannot write the output\n");
-    return 1;
-  }
-  return 0;
 }
 
 }  // namespace
 
+Registration::Registration(std::string Name, std::string Description, TSetup Setup) {
+  Entries().push_back({std::move(Name), std::move(Description), std::move(Setup)});
+}
+
+bool WriteStdout(const void* Data, size_t N) {
+  return (N == 0 || std::fwrite(Data, 1, N, stdout) == N) && std::fflush(stdout) == 0;
+}
+
+}  // namespace vel::tool
+
 int main(int argc, char** argv) {
-  Commands() = {
-      {"help", "help", Help},
-      {"version", "version", Version},
-      {"dfm", "dfm totext|tobin FILE", Dfm},
-  };
-  if (argc < 2) {
-    Help(argc, argv);
-    return 2;
+  using namespace vel::tool;
+  CLI::App App{"vel: the command-line tool of VelClassesLib", "vel"};
+  App.require_subcommand(1);
+  App.set_version_flag("--version", std::string(VEL_VERSION_STRING));
+
+  auto* Version = App.add_subcommand("version", "print the library version, or a file's version resource");
+  // A file argument is taken by the version-resource command when that is
+  // built; without one the command prints the library's version.
+  Version->callback([] {
+    std::printf("vel %s (libvelclasses %s)\n", VEL_VERSION_STRING, vel::LibraryVersion());
+  });
+
+  // Subcommands in name order, whatever order their files were linked in.
+  std::vector<TEntry> Sorted = Entries();
+  std::sort(Sorted.begin(), Sorted.end(),
+            [](const TEntry& A, const TEntry& B) { return A.Name < B.Name; });
+  for (const TEntry& E : Sorted) {
+    CLI::App* Sub = App.add_subcommand(E.Name, E.Description);
+    E.Setup(*Sub);
   }
-  for (const Command& C : Commands())
-    if (std::strcmp(C.Name, argv[1]) == 0) {
-      try {
-        return C.Run(argc - 2, argv + 2);
-      } catch (const vel::Exception& E) {
-        std::fprintf(stderr, "vel: %s: %s\n", E.ClassName(), E.what());
-        return 1;
-      }
-    }
-  std::fprintf(stderr, "vel: unknown command '%s'\n", argv[1]);
-  Help(argc, argv);
-  return 2;
+
+  try {
+    App.parse(argc, argv);
+  } catch (const CLI::ParseError& E) {
+    const int Code = App.exit(E);
+    return Code == 0 ? 0 : 2;
+  } catch (const vel::Exception& E) {
+    std::fprintf(stderr, "vel: %s\n", E.what());
+    return 1;
+  } catch (const std::exception& E) {
+    std::fprintf(stderr, "vel: %s\n", E.what());
+    return 1;
+  }
+  return Status;
 }
