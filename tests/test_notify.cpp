@@ -180,6 +180,34 @@ TEST(Notify, DuplicateAddsAndUnknownRemovesChangeNothing) {
   delete Outsider;
 }
 
+TEST(Notify, OneObjectIsOneSubscriberWhicheverInterfaceAddsIt) {
+  IPtr<ISubscribe> Src(new TSubscribeNotify);
+  auto Count = [&] { return static_cast<TSubscribeNotify*>(Src.get())->NotifierCount(); };
+  TLog Log;
+  // Subscribed by its constructor (as ICustomNotifier), then added again
+  // through its INotifier: still one entry, one notification.
+  TNotifier* A = MakeNotifier(Log, Src.get(), "A");
+  ICustomNotifier* ViaINotifier = static_cast<INotifier*>(A);
+  ASSERT_NE(static_cast<void*>(ViaINotifier), static_cast<void*>(A->AsCustomNotifier()));
+  Src->AddNotifier(ViaINotifier);
+  EXPECT_EQ(Count(), 1);
+  Src.As<INotify>()->Notify(nullptr, 7);
+  EXPECT_EQ(Log.Lines, std::vector<std::string>{"A:7"});
+  // Added only through INotifier, it leaves from its destructor (which
+  // passes its ICustomNotifier), and the next broadcast reaches nobody.
+  TNotifier* B = MakeNotifier(Log, nullptr, "B");
+  Src->AddNotifier(static_cast<INotifier*>(B));
+  EXPECT_EQ(Count(), 2);
+  delete B;
+  EXPECT_EQ(Count(), 1);
+  Src->RemoveNotifier(ViaINotifier);  // the entry added as ICustomNotifier
+  EXPECT_EQ(Count(), 0);
+  Log.Lines.clear();
+  Src.As<INotify>()->Notify(nullptr, 8);
+  EXPECT_TRUE(Log.Lines.empty());
+  delete A;
+}
+
 TEST(Notify, SourceFreedFirstDetachesItsNotifiers) {
   TLog Log;
   auto* Source = new TSubscribeNotify;

@@ -3,12 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
 #include <limits>
 #include <string>
 
 #include "vel/rtl/Filer.h"
 #include "vel/rtl/ObjectText.h"
 #include "vel/rtl/StringLists.h"
+#include "vel/rtl/SysUtils.h"
 
 using namespace vel;
 
@@ -152,7 +156,7 @@ TEST(ObjectText, TextOfEveryValueKind) {
       "  Tints = [tnRed, tnBlue]\r\n"
       "  Sgl = 0.1s\r\n"
       "  Dbl = 0.1\r\n"
-      "  Ext = 1.00000000000000000001E-1\r\n"
+      "  Ext = 1.0E-1\r\n"
       "  Cur = 15000c\r\n"
       "  When = 45000.5d\r\n"
       "  Text = 'It'#39's '#8364#13#10\r\n"
@@ -223,7 +227,7 @@ TEST(ObjectText, FloatsKeepTheirValueType) {
   A.Dbl = 3.14;
   A.Ext = 3.14L;
   T = BinToText(ToBinary(&A));
-  EXPECT_NE(T.find("  Dbl = 3.14\r\n  Ext = 3.1400000000000000001E0\r\n"), std::string::npos) << T;
+  EXPECT_NE(T.find("  Dbl = 3.14\r\n  Ext = 3.14E0\r\n"), std::string::npos) << T;
   EXPECT_EQ(TextToBin(T), ToBinary(&A));
 }
 
@@ -360,4 +364,65 @@ TEST(ObjectText, InputIsLeftAfterTheComponent) {
   TStringStream In(B + "tail"), Out;
   ObjectBinaryToText(&In, &Out);
   EXPECT_EQ(In.GetPosition(), static_cast<int64_t>(B.size()));
+}
+
+TEST(ObjectText, EveryFiniteExtendedComesBackToTheSameTenBytes) {
+  // Random sign, exponent and 64-bit mantissa (normal and subnormal), and
+  // the Extended values nearest to short decimals; converted in streams of
+  // 1000 properties, binary -> text -> binary.
+  std::mt19937_64 Rng(20261123);
+  auto RandomBits = [&](uint8_t Out[10]) {
+    uint64_t M = Rng();
+    uint16_t E = static_cast<uint16_t>(Rng() % 0x7FFF);  // 0x7FFF: infinities and NaNs
+    if (E == 0) M &= ~(uint64_t{1} << 63);                // subnormal: no integer bit
+    else M |= uint64_t{1} << 63;                           // normal: integer bit set
+    if (Rng() & 1) E |= 0x8000;
+    for (int I = 0; I < 8; ++I) Out[I] = static_cast<uint8_t>(M >> (8 * I));
+    Out[8] = static_cast<uint8_t>(E);
+    Out[9] = static_cast<uint8_t>(E >> 8);
+  };
+  auto NearDecimal = [&](uint8_t Out[10]) {
+    char Buf[40];
+    std::snprintf(Buf, sizeof Buf, "%s%d.%02dE%d", (Rng() & 1) ? "-" : "", static_cast<int>(Rng() % 10),
+                  static_cast<int>(Rng() % 100), static_cast<int>(Rng() % 80) - 40);
+    ExtendedToBytes(std::strtold(Buf, nullptr), Out);
+  };
+  int Checked = 0;
+  for (int Batch = 0; Batch < 100; ++Batch) {
+    std::string B = std::string("TPF0\x05TForm\x01" "F", 12);
+    for (int I = 0; I < 1000; ++I) {
+      uint8_t V[10];
+      if (I % 2) RandomBits(V);
+      else NearDecimal(V);
+      B += std::string("\x01" "E\x05", 3);
+      B.append(reinterpret_cast<const char*>(V), 10);
+    }
+    B += std::string("\x00\x00", 2);
+    const std::string Text = BinToText(B);
+    ASSERT_EQ(TextToBin(Text), B) << "batch " << Batch;
+    Checked += 1000;
+  }
+  EXPECT_EQ(Checked, 100000);
+  // The value of the report: nearest to -1.5E-10, not a double.
+  const std::string One = std::string("TPF0\x05TForm\x01" "F\x01" "E\x05", 15) +
+                          std::string("\x4F\x60\x72\x0E\x1B\x3F\xED\xA4\xDE\xBF", 10) +
+                          std::string("\x00\x00", 2);
+  const std::string T = BinToText(One);
+  EXPECT_NE(T.find("  E = -1.50E-10\r\n"), std::string::npos) << T;
+  EXPECT_EQ(TextToBin(T), One);
+}
+
+TEST(ObjectText, AGarbledPropertyNameIsQuotedWholeInTheError) {
+  // A damaged length takes bytes with NUL and control codes as a name; the
+  // message shows them as the text form writes them and keeps its reason.
+  std::string B = std::string("TPF0\x05TForm\x02" "F1\x06P\x00\x1b[2J", 20);
+  B += '\x19';  // no such value type
+  B += std::string("\x00\x00", 2);
+  TStringStream In(B), Out;
+  try {
+    ObjectBinaryToText(&In, &Out);
+    FAIL();
+  } catch (const EReadError& E) {
+    EXPECT_STREQ(E.what(), "Error reading F1.P#0#27[2J: Invalid stream format");
+  }
 }

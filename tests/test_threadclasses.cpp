@@ -6,6 +6,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -721,4 +725,258 @@ TEST_F(ThreadManagerTest, ReleasingTheManagerTerminatesAndJoinsWaitingQueueThrea
   for (auto& Line : Watcher->Log) EXPECT_EQ(Line.substr(0, 2), "1:");
   EXPECT_FALSE(Watcher->GetSubscribe());
   delete Watcher;
+}
+
+// ---------------------------------------------------------------------------
+// Faults found under load: colliding request identifiers, notifications
+// that synchronise, threads freed suspended, requests nobody took.
+
+namespace tctest {
+
+// Answers a data request only when the test opens its gate; checks, at
+// answer time, that the record still holds what the test sent.
+class TGatedWorker : public TMsgQueThread {
+  VEL_CLASS(TGatedWorker, TMsgQueThread)
+ public:
+  explicit TGatedWorker(std::string Expect) : TMsgQueThread(nullptr, true, false), FExpect(std::move(Expect)) {
+    Resume();
+  }
+  ~TGatedWorker() override {
+    Gate.SetEvent();
+    StopThread(true);
+  }
+  TSimpleEvent Gate;
+  std::atomic<int> Seen{0};
+  std::atomic<int> Answered{0};
+  std::atomic<bool> DataIntact{true};
+
+  void WMDataRequest(TMessage& M) {
+    auto* R = reinterpret_cast<TRequestRecord*>(M.WParam);
+    ++Seen;
+    Gate.WaitFor(INFINITE);
+    if (R->Data != FExpect) DataIntact = false;
+    ++Answered;
+    NotifyMgr(WM_COMPLETEDREQUEST, static_cast<WPARAM>(R->ID), 0);
+  }
+
+ private:
+  std::string FExpect;
+};
+
+// Synchronises with the main thread from every notification it gets on
+// another thread, and asks the manager for its count from there.
+class TSyncWatcher : public TThreadNotifier {
+  VEL_CLASS(TSyncWatcher, TThreadNotifier)
+ public:
+  using TThreadNotifier::TThreadNotifier;
+  ~TSyncWatcher() override { Unsubscribe(); }
+  std::atomic<int> Notified{0};
+  std::atomic<int> Synced{0};
+  void ThreadNotification(IInterface*, int32_t) override {
+    ++Notified;
+    if (GetCurrentThreadId() == MainThreadID()) return;
+    TThread::Synchronize(nullptr, [this] {
+      if (IPtr<IThreadManager> M = CurrentThreadManager()) (void)M->GetCount();
+      ++Synced;
+    });
+  }
+};
+
+// Ends the process with a message when a test has not finished in time,
+// so that a deadlock fails the case instead of hanging it.
+class TWatchdog {
+ public:
+  TWatchdog(const char* What, int Seconds) : FThread([this, What, Seconds] {
+      std::unique_lock<std::mutex> L(FLock);
+      if (!FDone.wait_for(L, std::chrono::seconds(Seconds), [this] { return FFinished; })) {
+        std::fprintf(stderr, "deadlock: %s did not finish within %d s\n", What, Seconds);
+        std::abort();
+      }
+    }) {}
+  ~TWatchdog() {
+    {
+      std::lock_guard<std::mutex> L(FLock);
+      FFinished = true;
+    }
+    FDone.notify_all();
+    FThread.join();
+  }
+
+ private:
+  std::mutex FLock;
+  std::condition_variable FDone;
+  bool FFinished = false;
+  std::thread FThread;
+};
+
+// A request-less worker that frees itself: its end unregisters it on its
+// own thread.
+class TShortTask : public TTaskThread {
+  VEL_CLASS(TShortTask, TTaskThread)
+ public:
+  TShortTask() : TTaskThread(true, nullptr, nullptr) {}
+};
+
+// Counts its own destruction.
+class TCountingAdapter : public TStringsAdapter {
+  VEL_CLASS(TCountingAdapter, TStringsAdapter)
+ public:
+  explicit TCountingAdapter(std::atomic<int>* Destroyed) : FDestroyed(Destroyed) {}
+  ~TCountingAdapter() override { ++*FDestroyed; }
+
+ private:
+  std::atomic<int>* FDestroyed;
+};
+
+// Logs its hooks into a list that outlives it.
+class TLoggedHooks : public TCustomThread {
+  VEL_CLASS(TLoggedHooks, TCustomThread)
+ public:
+  explicit TLoggedHooks(std::vector<std::string>* Log) : TCustomThread(nullptr, true, false), FLog(Log) {}
+  ~TLoggedHooks() override { StopThread(false); }
+
+ protected:
+  void DoStartExecute() override { FLog->push_back("start"); }
+  void DoFinishExecute() override { FLog->push_back("finish"); }
+  void SafeExecute() override { FLog->push_back("round"); }
+
+ private:
+  std::vector<std::string>* FLog;
+};
+
+}  // namespace tctest
+
+VEL_IMPLEMENT(TLoggedHooks)
+VEL_IMPLEMENT(TGatedWorker, message<&TGatedWorker::WMDataRequest>(WM_DATAREQUEST))
+VEL_IMPLEMENT(TSyncWatcher)
+VEL_IMPLEMENT(TShortTask)
+VEL_IMPLEMENT(TCountingAdapter)
+
+TEST_F(ThreadManagerTest, ThreadsWhoseIdentifiersDifferByOneKeepSeparateRequests) {
+  TThreadManager* M = Manager();
+  // Two workers with consecutive identifiers (the usual case on Linux;
+  // retried a few times in case another thread slipped between).
+  std::unique_ptr<TGatedWorker> A, B;
+  for (int Try = 0; Try < 20; ++Try) {
+    A = std::make_unique<TGatedWorker>("for A");
+    B = std::make_unique<TGatedWorker>("for B");
+    if (B->ThreadID() == A->ThreadID() + 1) break;
+  }
+  ASSERT_EQ(B->ThreadID(), A->ThreadID() + 1);
+  const auto TidA = static_cast<int32_t>(A->ThreadID());
+  const auto TidB = static_cast<int32_t>(B->ThreadID());
+
+  // Index 0 + (T + 1) and index 1 + T: the same sum.
+  const int32_t ForB = M->SendDataRequest(TidB, IIDOf<IStringsAdapter>, nullptr, "for B");
+  const int32_t ForA = M->SendDataRequest(TidA, IIDOf<IStringsAdapter>, nullptr, "for A");
+  EXPECT_EQ(ForB, TidB);
+  EXPECT_NE(ForA, ForB);
+  ASSERT_TRUE(PumpUntil([&] { return A->Seen == 1 && B->Seen == 1; }));
+
+  // A's answer completes A's request only.
+  A->Gate.SetEvent();
+  ASSERT_TRUE(PumpUntil([&] { return M->RequestCount() == 1; }));
+  Application->ProcessMessages();
+  EXPECT_EQ(M->RequestCount(), 1);
+  EXPECT_FALSE(M->Completed());
+  B->Gate.SetEvent();
+  M->WaitForRequests();
+  EXPECT_TRUE(M->Completed());
+  EXPECT_TRUE(A->DataIntact);
+  EXPECT_TRUE(B->DataIntact);  // B read its record after A's answer
+  EXPECT_EQ(A->Answered + B->Answered, 2);
+}
+
+TEST_F(ThreadManagerTest, AReusedIndexGetsAnIdentifierNoOutstandingRequestHas) {
+  TThreadManager* M = Manager();
+  TGatedWorker W("x");
+  const auto Tid = static_cast<int32_t>(W.ThreadID());
+  W.Gate.SetEvent();
+  EXPECT_EQ(M->SendDataRequest(Tid, IIDOf<IStringsAdapter>, nullptr, "x"), Tid);
+  M->WaitForRequests();
+  W.Gate.ResetEvent();
+  // Requests at index 0 and 1; once the first is answered, a third takes
+  // index 1 again, where Tid + 1 is still outstanding.
+  const int32_t First = M->SendDataRequest(Tid, IIDOf<IStringsAdapter>, nullptr, "x");
+  const int32_t Second = M->SendDataRequest(Tid, IIDOf<IStringsAdapter>, nullptr, "x");
+  EXPECT_EQ(Second, First + 1);
+  PostMessage(M->GetHandle(), WM_COMPLETEDREQUEST, static_cast<WPARAM>(First), 0);
+  ASSERT_TRUE(PumpUntil([&] { return M->RequestCount() == 1; }));
+  const int32_t Third = M->SendDataRequest(Tid, IIDOf<IStringsAdapter>, nullptr, "x");
+  EXPECT_NE(Third, Second);
+  EXPECT_EQ(Third, Second + 1);
+  PostMessage(M->GetHandle(), WM_COMPLETEDREQUEST, static_cast<WPARAM>(Second), 0);
+  ASSERT_TRUE(PumpUntil([&] { return M->RequestCount() == 1; }));
+  PostMessage(M->GetHandle(), WM_COMPLETEDREQUEST, static_cast<WPARAM>(Third), 0);
+  ASSERT_TRUE(PumpUntil([&] { return M->Completed(); }));
+  W.Gate.SetEvent();
+}
+
+TEST_F(ThreadManagerTest, SubscribersThatSynchroniseDoNotDeadlockTheMainThread) {
+  TWatchdog Guard("register/unregister/TerminateThreads with synchronising subscribers", 60);
+  IPtr<IThreadManager> M = ThreadManager();
+  auto* Watcher = new TSyncWatcher(M.As<ISubscribe>());
+  // Workers end on their own threads (synchronising from their
+  // notifications) while the main thread registers new threads and
+  // terminates all of them.
+  for (int Round = 0; Round < 40; ++Round) {
+    for (int I = 0; I < 4; ++I) (new TShortTask)->Resume();
+    std::vector<std::unique_ptr<TWorker>> Workers;
+    for (int I = 0; I < 3; ++I) Workers.push_back(std::make_unique<TWorker>(false));
+    M->TerminateThreads();
+    Workers.clear();
+    Application->ProcessMessages();
+  }
+  ASSERT_TRUE(PumpUntil([&] { return M->GetCount() == 0; }));
+  M = nullptr;
+  ReleaseThreadManager();
+  EXPECT_GT(Watcher->Synced.load(), 0);  // some notifications did synchronise
+  // Every thread was announced and seen leaving: 40 * 7 threads.
+  EXPECT_EQ(Watcher->Notified.load(), 2 * 40 * 7);
+  delete Watcher;
+}
+
+TEST_F(ThreadManagerTest, ANotifierLeavingWhileNotifiedOnAnotherThreadIsWaitedFor) {
+  TWatchdog Guard("RemoveNotifier during a notification", 30);
+  IPtr<IThreadManager> M = ThreadManager();
+  // Removing (and freeing) the watcher on the main thread while a worker's
+  // notification to it synchronises: the removal serves the worker's
+  // request and returns after the call, so the watcher is never used
+  // freed.
+  for (int Round = 0; Round < 20; ++Round) {
+    auto* Watcher = new TSyncWatcher(M.As<ISubscribe>());
+    (new TShortTask)->Resume();
+    Sleep(Round % 3);
+    delete Watcher;
+  }
+  ASSERT_TRUE(PumpUntil([&] { return M->GetCount() == 0; }));
+}
+
+TEST(ThreadClasses, AThreadFreedSuspendedRunsStartFinishAndOnTerminateOnce) {
+  TRecorder Rec;
+  std::vector<std::string> Log;
+  auto* T = new TLoggedHooks(&Log);
+  T->OnTerminate = TNotifyEvent::Bind<&TRecorder::OnTerminate>(&Rec);
+  T->SetFreeOnTerminate(true);  // freed by its owner all the same
+  ASSERT_TRUE(T->Suspended());
+  delete T;
+  EXPECT_EQ(Log, (std::vector<std::string>{"start", "finish"}));
+  EXPECT_EQ(Rec.Terminated, 1);
+  EXPECT_TRUE(Rec.AllOnMain);
+}
+
+TEST_F(ThreadManagerTest, RequestsNoWorkerTookAreReleasedWithTheManager) {
+  std::atomic<int> Destroyed{0};
+  {
+    TThreadManager* M = Manager();
+    TGatedWorker W("kept");
+    {
+      IPtr<IStringsAdapter> Target(new TCountingAdapter(&Destroyed));
+      M->SendDataRequest(static_cast<int32_t>(W.ThreadID()), IIDOf<IStringsAdapter>, Target, "kept");
+    }
+    ASSERT_TRUE(PumpUntil([&] { return W.Seen == 1; }));
+    EXPECT_EQ(Destroyed, 0);  // the marshalled reference keeps it
+  }  // the worker ends with the request unanswered and its interface untaken
+  ReleaseThreadManager();
+  EXPECT_EQ(Destroyed, 1);
 }

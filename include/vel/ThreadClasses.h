@@ -103,9 +103,13 @@ class VEL_API TCustomThread : public TBaseThread {
   void SafeOnException();
   void SafeShowException();
 
-  // Ends the thread and waits for it, unless called by the thread itself or
-  // the thread never started. With PostQuit the quit message is posted to
-  // the thread (retried until its queue exists) to wake a GetMessage wait.
+  // Ends the thread and waits for it, unless called by the thread itself.
+  // With PostQuit the quit message is posted to the thread (retried until
+  // its queue exists) to wake a GetMessage wait. A thread that is still
+  // suspended is resumed terminated (FreeOnTerminate cleared, since its
+  // owner is freeing it): it skips SafeExecute but runs DoStartExecute,
+  // DoFinishExecute and OnTerminate once, as a thread freed before it ran
+  // does in the component runtime.
   void StopThread(bool PostQuit);
 
  private:

@@ -61,6 +61,13 @@ class VEL_API TCustomNotifier : public TInterfacedObject, public ICustomNotifier
   explicit TCustomNotifier(ISubscribe* ASubscribe = nullptr);
   // Unsubscribes from the source it is attached to, if any.
   ~TCustomNotifier() override;
+  // Leaves the source it is attached to, if any. A C++ object loses its
+  // derived parts before this base destructor runs, so a descendant that
+  // overrides a notification method and may be freed while another thread
+  // notifies it calls Unsubscribe first in its own destructor: the source
+  // then stops calling it (the thread manager also waits for a call under
+  // way) while the override still exists.
+  void Unsubscribe();
 
   HRESULT QueryInterface(const TGUID& IID, void** Obj) override {
     return TInterfacedObject::QueryInterface(IID, Obj);
@@ -169,13 +176,28 @@ class VEL_API TCustomSubscribeNotify : public TInterfacedObject,
   // its own destructor), then frees the list.
   ~TCustomSubscribeNotify() override;
 
-  // Appends Notifier unless it is already listed (by reference), then
-  // attaches it (SetSubscribe with this source). A listed notifier is left
-  // alone; a null one is ignored.
+  // Appends Notifier unless the object is already listed, then attaches it
+  // (SetSubscribe with this source). Objects are compared by identity (see
+  // Identity), so one object added through two of its interfaces is listed
+  // once. A listed notifier is left alone; a null one is ignored.
   void AddNotifier(ICustomNotifier* Notifier) override;
-  // Detaches Notifier (SetSubscribe(nullptr)) and removes it; does nothing
+  // Detaches Notifier (SetSubscribe(nullptr)) and removes the entry of the
+  // same object, whichever interface it was added through; does nothing
   // when it is not listed.
   void RemoveNotifier(ICustomNotifier* Notifier) override;
+  // Index of the entry of Notifier's object, or -1.
+  int32_t IndexOfNotifier(ICustomNotifier* Notifier) const;
+  // Index of the entry that is this very pointer, or -1 (no cast, so also
+  // for a pointer whose object may be gone).
+  int32_t IndexOfEntry(ICustomNotifier* Entry) const { return FList ? FList->IndexOf(Entry) : -1; }
+  // The identity of the entry at Index, as taken when it was added.
+  const void* EntryIdentity(int32_t Index) const { return FIds[static_cast<size_t>(Index)]; }
+  // The listed notifiers, in order (not counted).
+  std::vector<ICustomNotifier*> Notifiers() const;
+  // The object behind an interface pointer, the same whichever of its
+  // interfaces is given, also while the object is being destroyed: its
+  // TObject when it is one, else its most derived address.
+  static const void* Identity(IInterface* Intf);
   // Removes every notifier, the last added first.
   virtual void ClearNotifiers();
 
@@ -192,6 +214,10 @@ class VEL_API TCustomSubscribeNotify : public TInterfacedObject,
 
   bool FEnabled = true;
   TList* FList = nullptr;  // ICustomNotifier*, not counted
+  // Identity of each entry of FList, taken when it was added: a notifier
+  // that leaves from its destructor can no longer be asked about the
+  // interfaces of its already destroyed parts.
+  std::vector<const void*> FIds;
 };
 
 // Routes the ICustomNotify methods of a further interface of a source class
@@ -386,11 +412,18 @@ class VEL_API TSubscribeThread : public TInterfacedSubscribeThread {
 // so answers posted to it are dispatched by the main thread's message loop
 // to the manager's message handlers (and to nothing else).
 //
-// Thread safety: every method may be called from any thread. One recursive
-// lock serialises registration, termination and the subscriber list;
-// notifications run in the thread that registers or ends a thread, under
-// that lock, so a subscriber must not wait for another thread that uses
-// the manager.
+// Thread safety: every method may be called from any thread. One lock
+// makes each change of the thread list and of the subscriber list atomic;
+// it is never held while a subscriber is called or a thread is told to
+// end. Notifications run in the thread that registers or ends a thread,
+// after the list has changed, so a subscriber may Synchronize with the main
+// thread and may call back into the manager, and the main thread may
+// register and terminate threads at any time. What keeps this safe without
+// the lock: a thread about which a notification is under way, or which
+// TerminateThreads is ending, is marked as in use, and a thread object's
+// destruction waits until no other thread has it marked; RemoveNotifier
+// likewise returns only once no call to that notifier is under way on
+// another thread (on the main thread both waits serve Synchronize).
 class VEL_API TInterfacedThreadManager : public TInterfacedObject,
                                          public IThreadManager,
                                          public IResolveNotify,
@@ -440,8 +473,13 @@ class VEL_API TInterfacedThreadManager : public TInterfacedObject,
   // served meanwhile. Threads still suspended are not waited for (they run
   // nothing until resumed or freed).
   void JoinThreads();
+  // Tells the IThreadNotifier subscribers about Thread (the resolved
+  // broadcast), without holding the lock.
+  void NotifyThreadOperation(IThread* Thread, int32_t Operation);
 
-  std::recursive_mutex FLock;
+  // Guards the thread list and the subscriber list (one lock for the
+  // process, shared with the notify source).
+  std::recursive_mutex& FLock;
 
  private:
   TStringList* FStrings;

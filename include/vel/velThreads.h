@@ -53,7 +53,8 @@ inline constexpr UINT WM_COMPLETEDREQUEST = 1826;
 // A data request as the worker receives it.
 struct TRequestRecord {
   // The record's index in the request list when it was added plus the
-  // target thread's identifier.
+  // target thread's identifier; when that sum names another outstanding
+  // request, the next number that names none.
   int32_t ID = 0;
   // The interface the request concerns.
   TGUID IID{};
@@ -81,7 +82,10 @@ class VEL_API TBaseThread : public TInterfacedThread {
   void Terminate() override;
 
  private:
-  void LeaveManager();
+  // Leaves the manager's list when still registered; when the object is
+  // being destroyed, also waits until no other thread is notifying about it
+  // or terminating it.
+  void LeaveManager(bool Destroying);
 };
 
 // The singleton thread manager with data requests.
@@ -109,7 +113,10 @@ class VEL_API TThreadManager : public TInterfacedThreadManager, public IThreadDa
   void Initialize() override;
   // Lists a request, posts it (message 1825) to ThreadID, retrying every
   // millisecond up to 1000 posts while the thread has no queue yet, and
-  // returns its ID. A request that could not be posted stays listed.
+  // returns its ID: index + ThreadID, unique among the outstanding requests
+  // (the next free number when that sum is taken), so the second of two
+  // requests to one thread gets the first's ID + 1 while the first is
+  // listed. A request that could not be posted stays listed.
   int32_t SendDataRequest(int32_t ThreadID, const TGUID& IID, IInterface* Intf,
                           const std::string& Data) override;
   // Returns once no request is outstanding; never times out.
@@ -120,7 +127,8 @@ class VEL_API TThreadManager : public TInterfacedThreadManager, public IThreadDa
   int32_t RequestCount();
 
  protected:
-  // Message 1826 on the main thread: frees the records whose ID is WParam.
+  // Message 1826 on the main thread: frees the record whose ID is WParam
+  // (there is at most one).
   void WMCompletedRequest(TMessage& Message);
 
   void CreateList();
@@ -129,6 +137,9 @@ class VEL_API TThreadManager : public TInterfacedThreadManager, public IThreadDa
   void ListNeeded();
 
  private:
+  // Whether an outstanding request other than Except has ID (under
+  // FRequestLock).
+  bool IDOutstanding(int32_t ID, const TRequestRecord* Except) const;
   std::atomic<bool> FCompleted{false};
   TList* FRequests = nullptr;  // TRequestRecord*
   std::mutex FRequestLock;

@@ -1,5 +1,7 @@
 #include "vel/velIntfClasses.h"
 
+#include <algorithm>
+
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/TypInfo.h"
 
@@ -23,6 +25,10 @@ TCustomNotifier::TCustomNotifier(ISubscribe* ASubscribe) : FSubscribe(ASubscribe
 }
 
 TCustomNotifier::~TCustomNotifier() {
+  Unsubscribe();
+}
+
+void TCustomNotifier::Unsubscribe() {
   if (FSubscribe) {
     // Keeps the source alive while it lets go of this notifier; releasing
     // this last reference may free the source.
@@ -80,24 +86,54 @@ void TCustomSubscribeNotify::CreateList() {
 
 void TCustomSubscribeNotify::FreeList() {
   if (FList) FreeAndNil(FList);
+  FIds.clear();
 }
 
 void TCustomSubscribeNotify::ListNeeded() {
   if (!FList) CreateList();
 }
 
+const void* TCustomSubscribeNotify::Identity(IInterface* Intf) {
+  if (!Intf) return nullptr;
+  // A TObject sub-object keeps its address through the whole destruction,
+  // unlike the most derived object, which shrinks as destructors run.
+  if (auto* O = dynamic_cast<TObject*>(Intf)) return O;
+  return dynamic_cast<const void*>(Intf);
+}
+
+int32_t TCustomSubscribeNotify::IndexOfNotifier(ICustomNotifier* Notifier) const {
+  if (!FList || !Notifier) return -1;
+  // The same pointer first: the usual case, and no cast needed.
+  const int32_t Direct = FList->IndexOf(Notifier);
+  if (Direct >= 0) return Direct;
+  const auto It = std::find(FIds.begin(), FIds.end(), Identity(Notifier));
+  return It == FIds.end() ? -1 : static_cast<int32_t>(It - FIds.begin());
+}
+
+std::vector<ICustomNotifier*> TCustomSubscribeNotify::Notifiers() const {
+  std::vector<ICustomNotifier*> R;
+  if (!FList) return R;
+  R.reserve(static_cast<size_t>(FList->Count()));
+  for (int32_t I = 0, N = FList->Count(); I < N; ++I)
+    R.push_back(static_cast<ICustomNotifier*>(FList->Get(I)));
+  return R;
+}
+
 void TCustomSubscribeNotify::AddNotifier(ICustomNotifier* Notifier) {
   if (!Notifier) return;
   ListNeeded();
-  if (FList->IndexOf(Notifier) >= 0) return;
+  if (IndexOfNotifier(Notifier) >= 0) return;
   FList->Add(Notifier);
+  FIds.push_back(Identity(Notifier));
   Notifier->SetSubscribe(this);
 }
 
 void TCustomSubscribeNotify::RemoveNotifier(ICustomNotifier* Notifier) {
-  if (!FList || !Notifier || FList->IndexOf(Notifier) < 0) return;
+  const int32_t Index = IndexOfNotifier(Notifier);
+  if (Index < 0) return;
   Notifier->SetSubscribe(nullptr);
-  FList->Remove(Notifier);
+  FList->Delete(Index);
+  FIds.erase(FIds.begin() + Index);
 }
 
 void TCustomSubscribeNotify::ClearNotifiers() {

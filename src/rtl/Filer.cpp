@@ -124,7 +124,7 @@ double ExtendedBytesToDouble(const uint8_t* B) {
 TClass FindComponentClass(const std::string& Name) {
   TClass C = GetClass(Name);
   if (!C || !C->InheritsFrom(TComponent::StaticClass()))
-    throw EClassNotFound(Format(SClassNotFound, {Name}));
+    throw EClassNotFound(Format(SClassNotFound, {EscapeControlChars(Name)}));
   return C;
 }
 
@@ -1226,7 +1226,7 @@ void TReader::ReadProperty(TPersistent* AInstance) {
       }
       FPropName.assign(Path.substr(I, J - I));
       PPropInfo P = GetPropInfo(Instance->ClassType(), FPropName);
-      if (!P) throw EReadError(Format(SUnknownProperty, {FPropName}));
+      if (!P) throw EReadError(Format(SUnknownProperty, {EscapeControlChars(FPropName)}));
       TObject* V = (P->Kind() == tkClass && P->GetProc) ? P->GetProc->GetObject(Instance) : nullptr;
       auto* Next = dynamic_cast<TPersistent*>(V);
       if (!Next) throw EReadError(SInvalidPropertyPath);
@@ -1238,7 +1238,7 @@ void TReader::ReadProperty(TPersistent* AInstance) {
       ReadPropValue(Instance, P);
     } else {
       Instance->DefineProperties(this);
-      if (!FPropName.empty()) throw EReadError(Format(SUnknownProperty, {FPropName}));
+      if (!FPropName.empty()) throw EReadError(Format(SUnknownProperty, {EscapeControlChars(FPropName)}));
     }
   } catch (const EPropertyReadError&) {
     throw;
@@ -1246,7 +1246,8 @@ void TReader::ReadProperty(TPersistent* AInstance) {
     std::string Name;
     if (auto* C = dynamic_cast<TComponent*>(AInstance)) Name = C->Name();
     if (Name.empty()) Name = AInstance->ClassName();
-    const std::string Msg = Format(SPropertyException, {Name, ".", PropName(), E.Message()});
+    const std::string Msg =
+        Format(SPropertyException, {EscapeControlChars(Name), ".", EscapeControlChars(PropName()), E.Message()});
     if (Error(Msg)) {
       SetPosition(ValueStart);
       SkipValue();
@@ -1465,7 +1466,7 @@ TComponent* TReader::ReadComponent(TComponent* Component) {
     if (!Result) {
       if (Flags.Contains(ffInherited)) {
         Result = FOwner ? FOwner->FindComponent(CompName) : nullptr;
-        if (!Result) throw EReadError(Format(SAncestorNotFound, {CompName}));
+        if (!Result) throw EReadError(Format(SAncestorNotFound, {EscapeControlChars(CompName)}));
       } else if (TClass C = FindComponentClass(CompClass);
                  (Result = FOwner ? FOwner->FindComponent(CompName) : nullptr) && Result->ClassType() == C) {
         // The owner made a component of this name and class itself (in

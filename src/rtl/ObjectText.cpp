@@ -67,11 +67,12 @@ bool LooksIntegral(const std::string& T) {
   return T.find_first_of(".Ee") == std::string::npos && T.find_first_of("NI") == std::string::npos;
 }
 
-// 21 significant digits (enough to tell any two Extended values apart),
-// trailing zeros dropped, as d.dddE<exponent>.
-std::string LongExtendedText(Extended V) {
+// V with Digits significant digits as d.ddd...E<exponent>, trailing zeros
+// kept: they are what tells the reader that a text is not the shortest
+// text of a double (see ReadFloatText).
+std::string DigitsExtendedText(Extended V, int Digits) {
   char Buf[64];
-  std::snprintf(Buf, sizeof Buf, "%.20Le", V);
+  std::snprintf(Buf, sizeof Buf, "%.*Le", Digits - 1, V);
   std::string S(Buf);
   const size_t E = S.find_first_of("eE");
   if (E == std::string::npos) return FloatToStr(V);
@@ -79,11 +80,7 @@ std::string LongExtendedText(Extended V) {
   // The C library may use the locale's decimal separator.
   for (char& C : Mant)
     if (C != '-' && (C < '0' || C > '9')) C = '.';
-  // Trailing zeros add nothing to the value.
-  if (Mant.find('.') != std::string::npos) {
-    while (Mant.back() == '0') Mant.pop_back();
-    if (Mant.back() == '.') Mant.pop_back();
-  }
+  if (Mant.find('.') == std::string::npos) Mant += ".0";
   const int Exp = std::atoi(S.c_str() + E + 1);
   return Mant + "E" + std::to_string(Exp);
 }
@@ -121,15 +118,23 @@ bool ReadFloatText(const std::string& T, Extended& V) {
 }
 
 // The text of a vaExtended that reads back to the same 10 bytes: the
-// shortest text, or 21 digits when the shortest would read as another
-// value (an Extended whose shortest text is also a double's).
+// shortest text when it does, else the fewest significant digits (with
+// their trailing zeros) that do. The shortest text of an Extended that is
+// not a double may be the shortest text of a double too ("-1.5E-10"), and
+// the reader takes such a text as that double; "-1.50E-10" is not how a
+// double is written, so it reads as the nearest Extended. 21 digits tell
+// any two Extended values apart, so the search always ends.
 std::string ExtendedText(Extended V) {
   if (std::isnan(V) || std::isinf(V)) return FloatToStr(V);
   std::string T = FloatToStr(V);
   if (LooksIntegral(T)) T += ".0";
   Extended Back;
-  if (!ReadFloatText(T, Back) || !SameBits(Back, V)) T = LongExtendedText(V);
-  return T;
+  if (ReadFloatText(T, Back) && SameBits(Back, V)) return T;
+  for (int Digits = 2; Digits <= 21; ++Digits) {
+    T = DigitsExtendedText(V, Digits);
+    if (ReadFloatText(T, Back) && SameBits(Back, V)) return T;
+  }
+  return DigitsExtendedText(V, 21);
 }
 
 // ---------------------------------------------------------------------------
@@ -195,7 +200,8 @@ class TBinaryToText {
     } catch (const EConvertReadError&) {
       throw;
     } catch (const Exception& E) {
-      throw EConvertReadError(Format(SPropertyException, {FObjectName, ".", FPropName, E.Message()}));
+      throw EConvertReadError(Format(SPropertyException, {EscapeControlChars(FObjectName), ".",
+                                                            EscapeControlChars(FPropName), E.Message()}));
     }
     Out += kLineBreak;
   }

@@ -196,6 +196,21 @@ std::string AnsiQuotedStr(std::string_view S, char Quote) {
 
 std::string QuotedStr(std::string_view S) { return AnsiQuotedStr(S, '\''); }
 
+std::string EscapeControlChars(std::string_view S) {
+  std::string R;
+  R.reserve(S.size());
+  for (const char C : S) {
+    const auto B = static_cast<unsigned char>(C);
+    if (B < 32 || B == 127) {
+      R += '#';
+      R += std::to_string(B);
+    } else {
+      R += C;
+    }
+  }
+  return R;
+}
+
 namespace {
 // Reads the quoted text starting at S[Pos] (which is Quote). Closed tells
 // whether the closing quote was found; End is the index after it (or the

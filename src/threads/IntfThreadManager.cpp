@@ -3,6 +3,7 @@
 // thread manager's base.
 #include <typeinfo>
 
+#include "threads/UsePins.h"
 #include "vel/rtl/Debug.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/TypInfo.h"
@@ -121,17 +122,47 @@ class TMainThreadWindowsHandle : public TWindowsHandle {
   }
 };
 
+// The lock of the thread list and the subscriber list. One for the process
+// and never destroyed: the notify source and threads on their way out may
+// outlive the manager that used it.
+std::recursive_mutex& ThreadManagerLock() {
+  static auto* Lock = new std::recursive_mutex;
+  return *Lock;
+}
+
+// The manager's notify source. Notifiers leave it directly (a notifier
+// holds its source, not the manager), so the source itself takes the
+// manager's lock for every change of its list, and a removal returns only
+// once no call to that notifier is under way on another thread.
+class TThreadSubscribeNotify : public TExSubscribeNotify {
+  VEL_CLASS(TThreadSubscribeNotify, TExSubscribeNotify)
+ public:
+  explicit TThreadSubscribeNotify(IResolveNotify* Resolver) : TExSubscribeNotify(Resolver) {}
+  void AddNotifier(ICustomNotifier* Notifier) override {
+    std::lock_guard<std::recursive_mutex> L(ThreadManagerLock());
+    TExSubscribeNotify::AddNotifier(Notifier);
+  }
+  void RemoveNotifier(ICustomNotifier* Notifier) override {
+    {
+      std::lock_guard<std::recursive_mutex> L(ThreadManagerLock());
+      TExSubscribeNotify::RemoveNotifier(Notifier);
+    }
+    if (Notifier) detail::WaitUnpinned(Identity(Notifier));
+  }
+};
+
 }  // namespace
 
 VEL_IMPLEMENT(TMainThreadWindowsHandle)
+VEL_IMPLEMENT(TThreadSubscribeNotify)
 
 TInterfacedThreadManager::TInterfacedThreadManager()
-    : FStrings(new TStringList), FThreads(new TInterfaceList) {
+    : FLock(ThreadManagerLock()), FStrings(new TStringList), FThreads(new TInterfaceList) {
   // Made now, so that every later GetHandle only reads it.
   auto* Window = new TMainThreadWindowsHandle(this);
   FAllocHandle = static_cast<IAllocHandle*>(Window);
   FAllocHandle->HandleNeeded();
-  FSubscribe = static_cast<ISubscribe*>(new TExSubscribeNotify(this));
+  FSubscribe = static_cast<ISubscribe*>(new TThreadSubscribeNotify(this));
 }
 
 TInterfacedThreadManager::~TInterfacedThreadManager() {
@@ -158,43 +189,120 @@ void TInterfacedThreadManager::Initialize() {}
 
 void TInterfacedThreadManager::RegisterThread(IThread* Thread) {
   if (!Thread) return;
-  std::lock_guard<std::recursive_mutex> L(FLock);
-  if (FThreads->IndexOf(Thread) >= 0) return;
-  FThreads->Add(Thread);
-  Thread->SetThreadMgrHwnd(static_cast<int32_t>(GetHandle()));
-  // Kept so that the destructor can wait for the thread even after its
-  // object has gone.
-  if (auto* T = dynamic_cast<TThread*>(Thread)) {
-    std::erase_if(FExits, [](const auto& E) { return E->Exited.load(std::memory_order_acquire); });
-    FExits.push_back(T->ExitState());
+  const void* Id = TCustomSubscribeNotify::Identity(Thread);
+  {
+    std::lock_guard<std::recursive_mutex> L(FLock);
+    if (FThreads->IndexOf(Thread) >= 0) return;
+    FThreads->Add(Thread);
+    Thread->SetThreadMgrHwnd(static_cast<int32_t>(GetHandle()));
+    // Kept so that the destructor can wait for the thread even after its
+    // object has gone.
+    if (auto* T = dynamic_cast<TThread*>(Thread)) {
+      std::erase_if(FExits, [](const auto& E) { return E->Exited.load(std::memory_order_acquire); });
+      FExits.push_back(T->ExitState());
+    }
+    // Taken under the lock, so the thread's destructor (which leaves the
+    // list under this lock, then waits for the mark) cannot slip between.
+    detail::PinObject(Id);
   }
-  if (IPtr<IExNotify> N; Supports(FSubscribe, N))
-    N->Notify(IIDOf<IThreadNotifier>, Thread, toExecute);
+  struct TUnpin {
+    const void* Id;
+    ~TUnpin() { detail::UnpinObject(Id); }
+  } Unpin{Id};
+  NotifyThreadOperation(Thread, toExecute);
 }
 
 void TInterfacedThreadManager::UnRegisterThread(IThread* Thread) {
   if (!Thread) return;
-  std::lock_guard<std::recursive_mutex> L(FLock);
-  if (FThreads->IndexOf(Thread) < 0) return;
-  Thread->SetThreadMgrHwnd(0);
-  FThreads->Remove(Thread);
-  if (IPtr<IExNotify> N; Supports(FSubscribe, N))
-    N->Notify(IIDOf<IThreadNotifier>, Thread, toTerminate);
+  const void* Id = TCustomSubscribeNotify::Identity(Thread);
+  {
+    std::lock_guard<std::recursive_mutex> L(FLock);
+    if (FThreads->IndexOf(Thread) < 0) return;
+    Thread->SetThreadMgrHwnd(0);
+    FThreads->Remove(Thread);
+    detail::PinObject(Id);
+  }
+  struct TUnpin {
+    const void* Id;
+    ~TUnpin() { detail::UnpinObject(Id); }
+  } Unpin{Id};
+  NotifyThreadOperation(Thread, toTerminate);
+}
+
+void TInterfacedThreadManager::NotifyThreadOperation(IThread* Thread, int32_t Operation) {
+  // The subscribers as they are now; each one is checked again and marked
+  // as in use just before its call, so that RemoveNotifier can wait until
+  // a call to it under way on another thread has returned.
+  std::vector<ICustomNotifier*> Targets;
+  IPtr<ISubscribe> Source;  // keeps S alive
+  TExSubscribeNotify* S = nullptr;
+  {
+    std::lock_guard<std::recursive_mutex> L(FLock);
+    S = FSubscribe ? dynamic_cast<TExSubscribeNotify*>(FSubscribe.get()) : nullptr;
+    if (!S || !S->GetEnabled()) return;
+    Source = FSubscribe;
+    Targets = S->Notifiers();
+  }
+  for (ICustomNotifier* Entry : Targets) {
+    const void* Id;
+    {
+      std::lock_guard<std::recursive_mutex> L(FLock);
+      const int32_t Index = S->IndexOfEntry(Entry);
+      if (Index < 0 || !S->GetEnabled()) continue;  // removed meanwhile
+      Id = S->EntryIdentity(Index);
+      detail::PinObject(Id);
+    }
+    struct TUnpin {
+      const void* Id;
+      ~TUnpin() { detail::UnpinObject(Id); }
+    } Unpin{Id};
+    void* Intf = nullptr;
+    if (!Supports(static_cast<IInterface*>(Entry), IIDOf<IThreadNotifier>, &Intf)) continue;
+    // The interface obtained is an IThreadNotifier; notifier interfaces
+    // begin with their ICustomNotifier part.
+    struct TRelease {
+      void* P;
+      ~TRelease() { detail::AsUnknown(P)->_Release(); }
+    } Release{Intf};
+    // The source's resolver is this manager; called directly, without a
+    // counted reference, since this may run from the manager's destructor.
+    DoNotify(static_cast<ICustomNotifier*>(Intf), IIDOf<IThreadNotifier>, Thread, Operation);
+  }
 }
 
 void TInterfacedThreadManager::TerminateThreads() {
-  // Holding the lock keeps every listed thread registered, and so alive
-  // (a thread leaves the list before its object goes), while it is told
-  // to end.
-  std::lock_guard<std::recursive_mutex> L(FLock);
-  for (int32_t I = FThreads->GetCount() - 1; I >= 0; --I) {
-    if (I >= FThreads->GetCount()) continue;
-    IPtr<IThread> T = FThreads->Get(I).As<IThread>();
+  // The listed threads as they are now, each marked as in use: a thread
+  // leaves the list under the lock before its object goes and then waits
+  // for the mark, so every thread of the snapshot stays alive until it has
+  // been told to end. No lock is held while threads are terminated and
+  // subscribers notified.
+  std::vector<IThread*> Snapshot;
+  {
+    std::lock_guard<std::recursive_mutex> L(FLock);
+    for (int32_t I = 0, N = FThreads->GetCount(); I < N; ++I) {
+      IPtr<IThread> T = FThreads->Get(I).As<IThread>();
+      Snapshot.push_back(T.get());
+      detail::PinObject(TCustomSubscribeNotify::Identity(T.get()));
+    }
+  }
+  struct TUnpinRest {
+    std::vector<IThread*>& List;
+    size_t Done = 0;
+    ~TUnpinRest() {
+      for (size_t I = 0; I < List.size() - Done; ++I)
+        detail::UnpinObject(TCustomSubscribeNotify::Identity(List[I]));
+    }
+  } Unpin{Snapshot};
+  for (size_t I = Snapshot.size(); I-- > 0;) {
+    IThread* T = Snapshot[I];
     T->Terminate();
     // A thread whose Terminate reached another manager (or none, while this
     // one is being freed) is still listed: take it out here.
     UnRegisterThread(T);
+    detail::UnpinObject(TCustomSubscribeNotify::Identity(T));
+    ++Unpin.Done;
   }
+  std::lock_guard<std::recursive_mutex> L(FLock);
   FThreads->Clear();
 }
 
@@ -240,13 +348,25 @@ void TInterfacedThreadManager::JoinThreads() {
 }
 
 void TInterfacedThreadManager::AddNotifier(ICustomNotifier* Notifier) {
-  std::lock_guard<std::recursive_mutex> L(FLock);
-  if (FSubscribe) FSubscribe->AddNotifier(Notifier);
+  IPtr<ISubscribe> Source;
+  {
+    std::lock_guard<std::recursive_mutex> L(FLock);
+    Source = FSubscribe;
+  }
+  // The source locks its list itself.
+  if (Source) Source->AddNotifier(Notifier);
 }
 
 void TInterfacedThreadManager::RemoveNotifier(ICustomNotifier* Notifier) {
-  std::lock_guard<std::recursive_mutex> L(FLock);
-  if (FSubscribe) FSubscribe->RemoveNotifier(Notifier);
+  IPtr<ISubscribe> Source;
+  {
+    std::lock_guard<std::recursive_mutex> L(FLock);
+    Source = FSubscribe;
+  }
+  // The source waits for a call to the notifier under way on another
+  // thread, without the lock: once this returns, the notifier is neither
+  // called nor referred to any more.
+  if (Source) Source->RemoveNotifier(Notifier);
 }
 
 void TInterfacedThreadManager::DoNotify(ICustomNotifier* Notifier, const TGUID& IID,

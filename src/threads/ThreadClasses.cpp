@@ -99,7 +99,18 @@ void TCustomThread::SafeShowException() {
 }
 
 void TCustomThread::StopThread(bool PostQuit) {
-  if (Suspended() || Finished() || GetCurrentThreadId() == ThreadID()) return;
+  if (Finished() || GetCurrentThreadId() == ThreadID()) return;
+  if (Suspended()) {
+    // A thread freed before it ever ran is resumed terminated, as the
+    // component runtime does: it skips the loop but runs its start and
+    // finish hooks and OnTerminate. The object is being freed by its
+    // owner, so the thread must not free it a second time.
+    SetFreeOnTerminate(false);
+    Terminate();
+    Resume();
+    WaitFor();
+    return;
+  }
   Terminate();
   bool QuitPosted = !PostQuit;
   do {

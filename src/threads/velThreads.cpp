@@ -1,5 +1,7 @@
 #include "vel/velThreads.h"
 
+#include "threads/UsePins.h"
+
 #include <cstring>
 
 #include "vel/rtl/SysUtils.h"
@@ -55,21 +57,26 @@ TBaseThread::TBaseThread(bool CreateSuspended) : TInterfacedThread(true) {
 }
 
 TBaseThread::~TBaseThread() {
-  LeaveManager();
+  LeaveManager(true);
 }
 
 void TBaseThread::Terminate() {
   TInterfacedThread::Terminate();
-  LeaveManager();
+  LeaveManager(false);
 }
 
-void TBaseThread::LeaveManager() {
-  if (GetThreadMgrHwnd() <= 0) return;
+void TBaseThread::LeaveManager(bool Destroying) {
   IPtr<IThread> Self;
-  // The manager that exists now, never a new one: a thread may end while
-  // the manager is being freed.
-  if (Supports(static_cast<TObject*>(this), Self))
-    if (IPtr<IThreadManager> M = CurrentThreadManager()) M->UnRegisterThread(Self);
+  if (GetThreadMgrHwnd() > 0) {
+    // The manager that exists now, never a new one: a thread may end while
+    // the manager is being freed.
+    if (Supports(static_cast<TObject*>(this), Self))
+      if (IPtr<IThreadManager> M = CurrentThreadManager()) M->UnRegisterThread(Self);
+  }
+  // Another thread may still be telling subscribers about this thread, or
+  // terminating it from the manager's list: the object stays until it is
+  // done. (The manager marks threads by their TObject.)
+  if (Destroying) detail::WaitUnpinned(static_cast<TObject*>(this));
 }
 
 // ---------------------------------------------------------------------------
@@ -152,7 +159,11 @@ void TThreadManager::FreeList() {
   std::lock_guard<std::mutex> L(FRequestLock);
   if (!FRequests) return;
   for (int I = FRequests->Count() - 1; I >= 0; --I) {
-    delete static_cast<TRequestRecord*>(FRequests->Get(I));
+    auto* R = static_cast<TRequestRecord*>(FRequests->Get(I));
+    // The interface of a request that no worker took is released with it
+    // (the threads have ended: nobody else can take it now).
+    if (R && R->Stream) R->Stream->_Release();
+    delete R;
   }
   delete FRequests;
   FRequests = nullptr;
@@ -180,7 +191,15 @@ int32_t TThreadManager::SendDataRequest(int32_t ThreadID, const TGUID& IID, IInt
   {
     std::lock_guard<std::mutex> L(FRequestLock);
     ListNeeded();
-    R->ID = FRequests->Add(R) + ThreadID;
+    // Index + thread identifier, as callers know it; but thread identifiers
+    // are consecutive numbers and indexes are reused once answers remove
+    // records, so that sum may already name an outstanding request. Then
+    // the next free number is taken: an answer must complete exactly the
+    // request it names.
+    const int32_t Index = FRequests->Add(R);
+    uint32_t ID = static_cast<uint32_t>(Index) + static_cast<uint32_t>(ThreadID);
+    while (IDOutstanding(static_cast<int32_t>(ID), R)) ++ID;
+    R->ID = static_cast<int32_t>(ID);
     if (FRequests->Count() > 0) FCompleted.store(false, std::memory_order_release);
   }
   const int32_t ID = R->ID;
@@ -203,6 +222,14 @@ int32_t TThreadManager::SendDataRequest(int32_t ThreadID, const TGUID& IID, IInt
   return ID;
 }
 
+bool TThreadManager::IDOutstanding(int32_t ID, const TRequestRecord* Except) const {
+  for (int I = 0, N = FRequests->Count(); I < N; ++I) {
+    auto* R = static_cast<const TRequestRecord*>(FRequests->Get(I));
+    if (R && R != Except && R->ID == ID) return true;
+  }
+  return false;
+}
+
 void TThreadManager::WMCompletedRequest(TMessage& Message) {
   const int32_t ID = static_cast<int32_t>(static_cast<uint32_t>(Message.WParam));
   {
@@ -211,9 +238,13 @@ void TThreadManager::WMCompletedRequest(TMessage& Message) {
     for (int I = FRequests->Count() - 1; I >= 0; --I) {
       auto* R = static_cast<TRequestRecord*>(FRequests->Get(I));
       if (R && R->ID == ID) {
+        // The worker has answered, so it is done with the record; an
+        // interface it did not take is released here.
+        if (R->Stream) R->Stream->_Release();
         delete R;
         FRequests->Put(I, nullptr);
         FRequests->Delete(I);
+        break;  // identifiers are unique among outstanding requests
       }
     }
     if (FRequests->Count() == 0) FCompleted.store(true, std::memory_order_release);

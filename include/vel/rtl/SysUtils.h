@@ -365,6 +365,11 @@ VEL_API std::string TrimRight(std::string_view S);
 
 // S in single quotes with inner quotes doubled.
 VEL_API std::string QuotedStr(std::string_view S);
+// Bytes read from a file, made fit to quote in a message: each control byte
+// (below 32, and 127) becomes '#' and its decimal code, as the component
+// text form writes it, so that a NUL does not cut what() short and no byte
+// steers a terminal. Other bytes are kept.
+VEL_API std::string EscapeControlChars(std::string_view S);
 // S in Quote characters with inner Quote characters doubled.
 VEL_API std::string AnsiQuotedStr(std::string_view S, char Quote);
 // When S[Pos] is Quote, reads the quoted text from there (doubled quotes
