@@ -57,7 +57,10 @@ class VEL_API TCustomNotifier : public TInterfacedObject, public ICustomNotifier
   VEL_CLASS(TCustomNotifier, TInterfacedObject)
   VEL_INTERFACE_TABLE(ICustomNotifier)
  public:
-  // Subscribes to ASubscribe (when not null).
+  // Subscribes to ASubscribe (when not null). That makes the object
+  // reachable before its derived parts are constructed: a notifier that
+  // other threads may notify while it is being made is created without a
+  // source and added to it once complete.
   explicit TCustomNotifier(ISubscribe* ASubscribe = nullptr);
   // Unsubscribes from the source it is attached to, if any.
   ~TCustomNotifier() override;
