@@ -165,6 +165,19 @@ TEST_F(Registry, NamesIgnoreCaseAndKeepIt) {
   EXPECT_EQ(Names[0], "\xC9t\xE9");
 }
 
+// A UTF-8 accessor and a Windows-1252 one see the same keys and values.
+TEST_F(Registry, Utf8AndWindows1252AccessorsShareTheStore) {
+  TRegistry U;
+  U.SetUtf8(true);
+  ASSERT_TRUE(U.OpenKey("Software\\Caf\xC3\xA9", true));
+  U.WriteString("N\xC3\xA4me", "\xE2\x82\xAC \xCE\xA9");  // "€ Ω"
+  TRegistry A;
+  ASSERT_TRUE(A.OpenKey("Software\\CAF\xC9", false));
+  EXPECT_EQ(A.ReadString("N\xE4me"), "\x80 ?");  // Ω has no Windows-1252 byte
+  EXPECT_EQ(U.ReadString("N\xC3\x84ME"), "\xE2\x82\xAC \xCE\xA9");
+  EXPECT_EQ(RaiseText([&] { U.ReadInteger("N\xC3\xA4me"); }), "Failed to get data for 'N\xC3\xA4me'");
+}
+
 // CurrentPath keeps the key as opened; relative opens append with "\".
 TEST_F(Registry, OpenKeyPathsAndCreation) {
   TRegistry R;
