@@ -7,10 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "vel/rtl/StringLists.h"
@@ -329,6 +331,50 @@ TEST_F(Registry, TwoProcessesLoseNoWrite) {
   EXPECT_EQ(Names.Count(), 2 * N);
   for (int P = 0; P < 2; ++P)
     for (int I = 0; I < N; I += 97) EXPECT_EQ(R.ReadInteger("P" + std::to_string(P) + "_" + std::to_string(I)), I);
+}
+
+// Threads with their own accessors write one hive while another reads it.
+TEST_F(Registry, ThreadsWriteOneHiveWhileOneReads) {
+  constexpr int Threads = 4, N = 250;
+  {
+    TRegistry R;
+    ASSERT_TRUE(R.OpenKey("Software\\Threads", true));
+    R.WriteInteger("Seen", 0);
+  }
+  std::atomic<bool> Done{false};
+  std::atomic<int> Failures{0};
+  std::vector<std::thread> Writers;
+  for (int T = 0; T < Threads; ++T)
+    Writers.emplace_back([T, &Failures] {
+      try {
+        TRegistry R;
+        if (!R.OpenKey("Software\\Threads", false)) throw ERegistryException("open");
+        for (int I = 0; I < N; ++I) R.WriteString("T" + std::to_string(T) + "_" + std::to_string(I), std::to_string(I));
+      } catch (const Exception&) {
+        ++Failures;
+      }
+    });
+  std::thread Reader([&] {
+    TRegistry R(KEY_READ);
+    TStringList Names;
+    int Last = 0;
+    while (!Done) {
+      if (!R.OpenKey("\\Software\\Threads", false)) ++Failures;
+      R.GetValueNames(&Names);
+      if (Names.Count() < Last) ++Failures;  // a committed value never disappears
+      Last = Names.Count();
+    }
+  });
+  for (std::thread& W : Writers) W.join();
+  Done = true;
+  Reader.join();
+  EXPECT_EQ(Failures.load(), 0);
+  TRegistry R(KEY_READ);
+  ASSERT_TRUE(R.OpenKey("Software\\Threads", false));
+  TStringList Names;
+  R.GetValueNames(&Names);
+  EXPECT_EQ(Names.Count(), Threads * N + 1);
+  EXPECT_EQ(R.ReadString("T3_249"), "249");
 }
 
 TEST(RegistryNames, HiveNamesAndShortForms) {
