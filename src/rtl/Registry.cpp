@@ -407,8 +407,8 @@ std::u16string FromLE(const std::vector<uint8_t>& D) {
   return W;
 }
 
-std::vector<uint8_t> StringData(const std::string& Cp1252) {
-  const std::u16string W = Cp1252ToWide(Cp1252);
+std::vector<uint8_t> StringData(const std::string& S, bool Utf8) {
+  const std::u16string W = Utf8 ? Utf8ToWide(S) : Cp1252ToWide(S);
   std::vector<uint8_t> D;
   D.reserve(W.size() * 2 + 2);
   for (const char16_t C : W) {
@@ -475,6 +475,9 @@ std::string HiveFileName(HKEY Key) {
 // TRegistry
 
 TRegistry::TRegistry() = default;
+
+std::string TRegistry::In(std::string_view S) const { return FUtf8 ? std::string(S) : Cp1252ToUtf8(S); }
+std::string TRegistry::Out(std::string_view S) const { return FUtf8 ? std::string(S) : Utf8ToCp1252(S); }
 TRegistry::TRegistry(REGSAM AAccess) : FAccess(AAccess) {}
 TRegistry::~TRegistry() { CloseKey(); }
 
@@ -497,7 +500,7 @@ bool TRegistry::ResolveKey(const std::string& Key, bool Create, int64_t& Id, std
   const bool Relative = S.empty() || S[0] != '\\';
   if (!Relative) S.erase(0, 1);
   const int64_t Base = (Relative && FKeyOpen) ? FCurrentKey : 0;
-  const std::string Utf8 = Cp1252ToUtf8(S);
+  const std::string Utf8 = In(S);
   Path = (Relative && FKeyOpen) ? FCurrentPath + "\\" + S : S;
   detail::THive* H = Hive(false);
   if (H) {
@@ -550,7 +553,7 @@ bool TRegistry::DeleteKey(const std::string& Key) {
   const bool Relative = S.empty() || S[0] != '\\';
   if (!Relative) S.erase(0, 1);
   const int64_t Base = (Relative && FKeyOpen) ? FCurrentKey : 0;
-  const std::string Utf8 = Cp1252ToUtf8(S);
+  const std::string Utf8 = In(S);
   if (detail::SplitKeyPath(Utf8).empty()) return false;  // a hive's root is not deleted
   detail::THive* H = Hive(true);
   if (!H || !H->Begin()) return false;
@@ -568,7 +571,7 @@ bool TRegistry::KeyExists(const std::string& Key) {
   if (!Relative) S.erase(0, 1);
   detail::THive* H = Hive(false);
   if (!H) return false;
-  return H->Resolve((Relative && FKeyOpen) ? FCurrentKey : 0, Cp1252ToUtf8(S), false) >= 0;
+  return H->Resolve((Relative && FKeyOpen) ? FCurrentKey : 0, In(S), false) >= 0;
 }
 
 bool TRegistry::HasSubKeys() {
@@ -613,14 +616,14 @@ std::vector<std::string> TRegistry::ValueNamesUtf8() {
 void TRegistry::GetKeyNames(TStrings* Strings) {
   Strings->BeginUpdate();
   Strings->Clear();
-  for (const std::string& N : KeyNamesUtf8()) Strings->Add(Utf8ToCp1252(N));
+  for (const std::string& N : KeyNamesUtf8()) Strings->Add(Out(N));
   Strings->EndUpdate();
 }
 
 void TRegistry::GetValueNames(TStrings* Strings) {
   Strings->BeginUpdate();
   Strings->Clear();
-  for (const std::string& N : ValueNamesUtf8()) Strings->Add(Utf8ToCp1252(N));
+  for (const std::string& N : ValueNamesUtf8()) Strings->Add(Out(N));
   Strings->EndUpdate();
 }
 
@@ -631,7 +634,7 @@ bool TRegistry::ReadValue(std::string_view NameUtf8, TRegValue& Value) {
 }
 
 void TRegistry::WriteValue(std::string_view NameUtf8, const TRegValue& Value) {
-  const std::string Name = Utf8ToCp1252(NameUtf8);
+  const std::string Name = Out(NameUtf8);
   if (!FKeyOpen || !(FAccess & KEY_SET_VALUE)) RaiseReg(SRegSetDataFailed, Name);
   detail::THive* H = Hive(true);
   if (!H || !H->Begin()) RaiseReg(SRegSetDataFailed, Name);
@@ -645,14 +648,14 @@ void TRegistry::WriteValue(std::string_view NameUtf8, const TRegValue& Value) {
 
 bool TRegistry::ValueExists(const std::string& Name) {
   TRegValue V;
-  return ReadValue(Cp1252ToUtf8(Name), V);
+  return ReadValue(In(Name), V);
 }
 
 bool TRegistry::DeleteValue(const std::string& Name) {
   if (!FKeyOpen || !(FAccess & KEY_SET_VALUE)) return false;
   detail::THive* H = Hive(true);
   if (!H || !H->Begin()) return false;
-  if (!H->DeleteValue(FCurrentKey, Cp1252ToUtf8(Name))) {
+  if (!H->DeleteValue(FCurrentKey, In(Name))) {
     H->Rollback();
     return false;
   }
@@ -662,18 +665,18 @@ bool TRegistry::DeleteValue(const std::string& Name) {
 
 int TRegistry::GetDataSize(const std::string& Name) {
   TRegValue V;
-  return ReadValue(Cp1252ToUtf8(Name), V) ? static_cast<int>(V.Data.size()) : -1;
+  return ReadValue(In(Name), V) ? static_cast<int>(V.Data.size()) : -1;
 }
 
 TRegDataType TRegistry::GetDataType(const std::string& Name) {
   TRegValue V;
-  return ReadValue(Cp1252ToUtf8(Name), V) ? DataTypeToRegData(V.Type) : rdUnknown;
+  return ReadValue(In(Name), V) ? DataTypeToRegData(V.Type) : rdUnknown;
 }
 
 bool TRegistry::GetDataInfo(const std::string& Name, TRegDataInfo& Value) {
   TRegValue V;
   Value = TRegDataInfo{};
-  if (!ReadValue(Cp1252ToUtf8(Name), V)) return false;
+  if (!ReadValue(In(Name), V)) return false;
   Value.RegData = DataTypeToRegData(V.Type);
   Value.DataSize = static_cast<int>(V.Data.size());
   return true;
@@ -683,7 +686,7 @@ int32_t TRegistry::ReadInteger(const std::string& Name) {
   TRegValue V;
   // Windows answers a 4-byte buffer with "more data" for anything longer,
   // which the runtime reports as a failed read, not as a wrong type.
-  if (!ReadValue(Cp1252ToUtf8(Name), V) || V.Data.size() > 4) RaiseReg(SRegGetDataFailed, Name);
+  if (!ReadValue(In(Name), V) || V.Data.size() > 4) RaiseReg(SRegGetDataFailed, Name);
   if (DataTypeToRegData(V.Type) != rdInteger) RaiseReg(SInvalidRegType, Name);
   uint32_t R = 0;
   for (size_t I = 0; I < V.Data.size(); ++I) R |= uint32_t(V.Data[I]) << (8 * I);
@@ -694,18 +697,18 @@ bool TRegistry::ReadBool(const std::string& Name) { return ReadInteger(Name) != 
 
 std::string TRegistry::ReadString(const std::string& Name) {
   TRegValue V;
-  if (!ReadValue(Cp1252ToUtf8(Name), V) || V.Data.empty()) return {};
+  if (!ReadValue(In(Name), V) || V.Data.empty()) return {};
   const TRegDataType T = DataTypeToRegData(V.Type);
   if (T != rdString && T != rdExpandString) RaiseReg(SInvalidRegType, Name);
   std::u16string W = FromLE(V.Data);
   const size_t Nul = W.find(u'\0');
   if (Nul != std::u16string::npos) W.resize(Nul);
-  return WideToCp1252(W);
+  return FUtf8 ? WideToUtf8(W) : WideToCp1252(W);
 }
 
 int TRegistry::ReadBinaryData(const std::string& Name, void* Buffer, int BufSize) {
   TRegValue V;
-  if (!ReadValue(Cp1252ToUtf8(Name), V)) return 0;
+  if (!ReadValue(In(Name), V)) return 0;
   const TRegDataType T = DataTypeToRegData(V.Type);
   const int Size = static_cast<int>(V.Data.size());
   if ((T != rdBinary && T != rdUnknown) || Size > BufSize) RaiseReg(SInvalidRegType, Name);
@@ -715,23 +718,23 @@ int TRegistry::ReadBinaryData(const std::string& Name, void* Buffer, int BufSize
 
 void TRegistry::WriteInteger(const std::string& Name, int32_t Value) {
   const uint32_t U = static_cast<uint32_t>(Value);
-  WriteValue(Cp1252ToUtf8(Name),
+  WriteValue(In(Name),
              TRegValue{REG_DWORD, {uint8_t(U), uint8_t(U >> 8), uint8_t(U >> 16), uint8_t(U >> 24)}});
 }
 
 void TRegistry::WriteBool(const std::string& Name, bool Value) { WriteInteger(Name, Value ? 1 : 0); }
 
 void TRegistry::WriteString(const std::string& Name, const std::string& Value) {
-  WriteValue(Cp1252ToUtf8(Name), TRegValue{REG_SZ, StringData(Value)});
+  WriteValue(In(Name), TRegValue{REG_SZ, StringData(Value, FUtf8)});
 }
 
 void TRegistry::WriteExpandString(const std::string& Name, const std::string& Value) {
-  WriteValue(Cp1252ToUtf8(Name), TRegValue{REG_EXPAND_SZ, StringData(Value)});
+  WriteValue(In(Name), TRegValue{REG_EXPAND_SZ, StringData(Value, FUtf8)});
 }
 
 void TRegistry::WriteBinaryData(const std::string& Name, const void* Buffer, int BufSize) {
   const auto* P = static_cast<const uint8_t*>(Buffer);
-  WriteValue(Cp1252ToUtf8(Name), TRegValue{REG_BINARY, std::vector<uint8_t>(P, P + std::max(BufSize, 0))});
+  WriteValue(In(Name), TRegValue{REG_BINARY, std::vector<uint8_t>(P, P + std::max(BufSize, 0))});
 }
 
 }  // namespace vel

@@ -142,6 +142,10 @@ class VEL_API TRegistry : public TObject {
   // backslash; a relative open appends to the previous path with "\"). Empty
   // when no key is open.
   const std::string& CurrentPath() const { return FCurrentPath; }
+  // With Utf8 set, the 8-bit strings of this accessor (key and value names,
+  // string data, messages) are UTF-8 instead of Windows-1252.
+  bool Utf8() const { return FUtf8; }
+  void SetUtf8(bool Value) { FUtf8 = Value; }
   // True while a key is open.
   bool HasCurrentKey() const { return FKeyOpen; }
 
@@ -200,11 +204,13 @@ class VEL_API TRegistry : public TObject {
  private:
   detail::THive* Hive(bool ForWrite);
   bool ResolveKey(const std::string& Key, bool Create, int64_t& Id, std::string& Path);
-  void RequireKey() const;
+  std::string In(std::string_view S) const;
+  std::string Out(std::string_view S) const;
 
   HKEY FRootKey = HKEY_CURRENT_USER;
   REGSAM FAccess = KEY_ALL_ACCESS;
   bool FKeyOpen = false;
+  bool FUtf8 = false;
   int64_t FCurrentKey = 0;
   std::string FCurrentPath;
   std::shared_ptr<detail::THive> FHive;
