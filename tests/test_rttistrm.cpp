@@ -266,7 +266,8 @@ TEST_F(RttiStream, ConfigWriteBooleansAndEnumerationsAsOrdinals) {
 
 TEST_F(RttiStream, ConfigInWindows1252StaysWindows1252) {
   const std::string In =
-      "<?xml version=\"1.0\" encoding=\"windows-1252\"?><R><W><Caption>\xE9t\xE9 \x80</Caption></W></R>";
+      "<?xml version=\"1.0\" encoding=\"windows-1252\"?><R><W><Caption>\xE9t\xE9 \x80</Caption></W>"
+      "<Note>&#20013;&#x1F600;?</Note></R>";
   Put(DataConfig(), In);
   TWindowSet W;
   EXPECT_EQ(S->StreamConfigToProps("W", &W, false), 0);
@@ -274,7 +275,8 @@ TEST_F(RttiStream, ConfigInWindows1252StaysWindows1252) {
   W.Caption = "\xFC\x80";
   EXPECT_EQ(S->StreamPropsToConfig(&W, "W", false), 0);
   EXPECT_EQ(Get(SystemConfig()),
-            "<?xml version=\"1.0\" encoding=\"windows-1252\"?><R><W><Caption>\xFC\x80</Caption></W></R>");
+            "<?xml version=\"1.0\" encoding=\"windows-1252\"?><R><W><Caption>\xFC\x80</Caption></W>"
+            "<Note>&#20013;&#128512;?</Note></R>");
 }
 
 TEST_F(RttiStream, ConfigKeyIsAnXPathBelowTheDocumentElement) {

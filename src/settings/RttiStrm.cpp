@@ -147,6 +147,28 @@ bool DeclaresCp1252(const std::string& Bytes) {
          IEquals(Enc, "cp1252");
 }
 
+// Windows-1252 bytes for UTF-8 text; a character the code page lacks
+// becomes a character reference, so that text the walk did not touch keeps
+// every character it was loaded with.
+std::string ToCp1252WithReferences(const std::string& Utf8) {
+  std::u16string W = Utf8ToWide(Utf8);
+  std::string Out;
+  Out.reserve(W.size());
+  for (size_t I = 0; I < W.size(); ++I) {
+    char32_t C = W[I];
+    if (C >= 0xD800 && C < 0xDC00 && I + 1 < W.size() && W[I + 1] >= 0xDC00 && W[I + 1] < 0xE000) {
+      C = 0x10000 + ((C - 0xD800) << 10) + (W[I + 1] - 0xDC00);
+      ++I;
+    }
+    char B = WideCharToCp1252(C);
+    if (B == '?' && C != U'?')
+      Out += "&#" + std::to_string(static_cast<uint32_t>(C)) + ";";
+    else
+      Out += B;
+  }
+  return Out;
+}
+
 // A configuration document loaded from disk, remembering how its bytes were
 // laid out (encoding, byte-order mark, line breaks between the top-level
 // nodes) so that saving changes only the texts the walk replaced.
@@ -208,7 +230,7 @@ struct TConfigDocument {
 
   std::string Bytes() const {
     std::string Text = Utf8Text();
-    if (Cp1252) return Utf8ToCp1252(Text);
+    if (Cp1252) return ToCp1252WithReferences(Text);
     switch (Encoding) {
       case pugi::encoding_utf16_le:
       case pugi::encoding_utf16_be: {
@@ -400,8 +422,10 @@ struct TRTTIStream::TPass {
     }
   }
 
+  // "" when the value does not exist, else ReadString. TRegistry's
+  // ReadString already gives "" for a missing value, so one look-up does.
   static std::string GetStringKeyValue(TRegistry& Reg, const std::string& Name) {
-    return Reg.ValueExists(Name) ? Reg.ReadString(Name) : std::string();
+    return Reg.ReadString(Name);
   }
 
   void ReadProperty(TRegistry& Reg, TObject* Obj, TTypeKind K, PPropInfo P) {
