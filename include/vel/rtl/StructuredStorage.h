@@ -104,8 +104,8 @@ inline constexpr HRESULT STG_E_INCOMPLETE = detail::HR(0x80030201);
 inline constexpr HRESULT STG_E_TERMINATED = detail::HR(0x80030202);
 inline constexpr HRESULT STG_S_CONVERTED = detail::HR(0x00030200);
 
-// The system text of a structured-storage result (Windows' wording), or ""
-// for other codes. HResultMessage (Com.h) answers these too.
+// The system text of a structured-storage result (Windows' wording, without
+// the final period), or "" for other codes.
 VEL_API std::string StgResultMessage(HRESULT Code);
 
 // ---------------------------------------------------------------------------
