@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -136,6 +137,11 @@ struct TNameLess {
   }
 };
 
+// Units of Unit bytes needed for Size bytes, without overflow.
+inline uint64_t Units(uint64_t Size, uint32_t Unit) {
+  return Size / Unit + (Size % Unit != 0);
+}
+
 FILETIME NowFileTime() {
   timespec Ts{};
   clock_gettime(CLOCK_REALTIME, &Ts);
@@ -248,6 +254,8 @@ class TCfbFile {
     FSize = 0;
     return S_OK;
   }
+
+  bool FreeSpace(struct statvfs& Fs) const { return fstatvfs(FFd, &Fs) == 0; }
 
   HRESULT Sync() { return fdatasync(FFd) == 0 ? S_OK : STG_E_WRITEFAULT; }
 
@@ -424,7 +432,7 @@ class TCfbDoc {
       for (size_t I = 0; I < MiniFat.size(); ++I) MiniFat[I] = Get32(MB.data() + 4 * I);
     }
     uint64_t RootSize = Raw[0].Size;
-    uint64_t RootNeed = (RootSize + SectorSize - 1) / SectorSize;
+    uint64_t RootNeed = Units(RootSize, SectorSize);
     if (RootSize > 0) {
       if (Failed(FollowFat(Fat, Start[0], RootNeed, FRootChain))) return STG_E_DOCFILECORRUPT;
       FMini.resize(FRootChain.size() * static_cast<size_t>(SectorSize));
@@ -470,11 +478,11 @@ class TCfbDoc {
           E.Size = 0;
           Storages.push_back({I, Depth + 1});
         } else if (IsMini(E)) {
-          if (Failed(FollowMini(MiniFat, Start[I], (E.Size + 63) / 64, E.Chain))) {
+          if (Failed(FollowMini(MiniFat, Start[I], Units(E.Size, MiniSectorSize), E.Chain))) {
             E.Damaged = true;
             E.Chain.clear();
           }
-        } else if (Failed(FollowFat(Fat, Start[I], (E.Size + SectorSize - 1) / SectorSize, E.Chain))) {
+        } else if (Failed(FollowFat(Fat, Start[I], Units(E.Size, SectorSize), E.Chain))) {
           E.Damaged = true;
           E.Chain.clear();
         }
@@ -568,6 +576,7 @@ class TCfbDoc {
 
   HRESULT WriteStream(TEntry& E, uint64_t Pos, const void* Buf, uint32_t Len) {
     if (Len == 0) return S_OK;
+    if (Pos + Len < Pos) return STG_E_MEDIUMFULL;
     if (Pos > E.Size) {
       // The gap before the written bytes reads as zero.
       HRESULT Hr = Resize(E, Pos, true);
@@ -636,6 +645,13 @@ class TCfbDoc {
   HRESULT Resize(TEntry& E, uint64_t NewSize, bool ZeroFill) {
     if (Major == 3 && NewSize > 0xFFFFFFFFull) return STG_E_DOCFILETOOLARGE;
     if (NewSize == E.Size) return S_OK;
+    if (NewSize > E.Size && Units(NewSize, SectorSize) > MAXREGSECT) return STG_E_DOCFILETOOLARGE;
+    // Growth the file system cannot hold fails before any allocation.
+    if (NewSize > E.Size + (64u << 20)) {
+      struct statvfs Fs{};
+      if (File.FreeSpace(Fs) && NewSize - E.Size > uint64_t(Fs.f_bavail) * Fs.f_frsize)
+        return STG_E_MEDIUMFULL;
+    }
     FDirty = true;
     bool WasMini = IsMini(E);
     bool NowMini = NewSize < MiniCutoff;
@@ -762,7 +778,9 @@ class TCfbDoc {
 
   // Writes every changed structure to sectors the saved state does not use,
   // makes it durable, then writes the header that switches to it.
-  HRESULT Save() {
+  // Durable: wait for the disk before and after the header (the order of
+  // the writes alone already protects against a killed process).
+  HRESULT Save(bool Durable = true) {
     HRESULT Hr;
     const uint32_t PerSec = SectorSize / 4;
 
@@ -894,7 +912,7 @@ class TCfbDoc {
       if (Failed(Hr = File.WriteAt(SectorOffset(FDifatSectors[D]), Sec.data(), SectorSize))) return Hr;
     }
     if (Failed(Hr = File.Extend(SectorOffset(static_cast<uint32_t>(FUsed.size()))))) return Hr;
-    if (Failed(Hr = File.Sync())) return Hr;
+    if (Durable && Failed(Hr = File.Sync())) return Hr;
 
     // The header: one write, after everything it points to is durable.
     std::vector<uint8_t> H(SectorSize, 0);
@@ -919,7 +937,7 @@ class TCfbDoc {
     // 4096-byte header sector is zero.
     size_t HLen = File.Size() >= SectorSize ? 512 : SectorSize;
     if (Failed(Hr = File.WriteAt(0, H.data(), HLen))) return Hr;
-    if (Failed(Hr = File.Sync())) return Hr;
+    if (Durable && Failed(Hr = File.Sync())) return Hr;
     FCommitted = FUsed;
     FHint = 0;
     FMiniDirty = false;
@@ -1405,11 +1423,11 @@ class TCfbStorage : public TInterfacedObject, public IStorage {
     return S_OK;
   }
 
-  HRESULT Commit(uint32_t) override {
+  HRESULT Commit(uint32_t grfCommitFlags) override {
     std::lock_guard<std::recursive_mutex> G(FDoc->Lock);
     if (!Alive()) return STG_E_REVERTED;
     if (!FDoc->Writable || !FDoc->Dirty()) return S_OK;
-    return FDoc->Save();
+    return FDoc->Save(!(grfCommitFlags & STGC_DANGEROUSLYCOMMITMERELYTODISKCACHE));
   }
 
   HRESULT Revert() override {
