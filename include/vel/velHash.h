@@ -25,6 +25,7 @@
 // table unchanged and the lock released.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <vector>
@@ -62,7 +63,7 @@ class VEL_API THashItem : public TObject {
   THashItem* Prev = nullptr;      // all-items list, towards newer items
   THashItem* BucketNext = nullptr;
   THashItem* BucketPrev = nullptr;
-  Variant Key;
+  Variant Key;                    // not to be changed while in the table
   TStringList* Values;            // created empty, owned
 };
 
@@ -130,15 +131,29 @@ class VEL_API TCustomHashTable : public TObject {
   THashBucket* BucketArray();
 
  private:
+  // A lookup aid beside each bucket's chain: the chain's items in reverse
+  // chain order (oldest first), each with a fingerprint of its key when that
+  // is an 8-bit string (never 0; 0 for other keys). Two such keys are equal
+  // exactly when their bytes are, so a string lookup compares only the items
+  // with its fingerprint or with other key types, in chain order, while the
+  // fingerprints of a long chain sit in a few cache lines.
+  struct TChainEntry {
+    uint32_t Print;
+    THashItem* Item;
+  };
+  using TChainIndex = std::vector<TChainEntry>;
+
+  THashBucket* AllocateBuckets();
   void Unlink(THashItem* Item);
 
   TCriticalSection FLock;
   THashItem* FFirst = nullptr;
   std::vector<THashItem*> FWalkHeads;  // heads remembered by running walks
-  THashBucket* FBuckets = nullptr;
+  std::atomic<THashBucket*> FBuckets{nullptr};
+  TChainIndex* FChains = nullptr;      // one per bucket
   int32_t FBucketCount = 0;
   int32_t FCount = 0;
-  std::once_flag FBucketsOnce;
+  std::mutex FAllocLock;
 };
 
 // 256 buckets; the hash is the sum of the bytes of the key's string form

@@ -1,5 +1,6 @@
 #include "vel/velHash.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "vel/rtl/Debug.h"
@@ -16,6 +17,16 @@ namespace {
 // The debug trace of the table's lock; skipped while nobody listens.
 inline void Trace(const char* Text) {
   if (DebugOutputActive()) OutputDebugStringA(Text);
+}
+
+// The fingerprint of the chain index: FNV-1a of an 8-bit string key's
+// bytes, with the low bit set; 0 for keys of other types, which compare by
+// value across types.
+uint32_t KeyPrint(const Variant& Key) {
+  if (Key.VType() != varString) return 0;
+  uint32_t H = 2166136261u;
+  for (const char C : Key.AsString()) H = (H ^ static_cast<uint8_t>(C)) * 16777619u;
+  return H | 1u;
 }
 
 }  // namespace
@@ -40,19 +51,33 @@ TCustomHashTable::TCustomHashTable() {
 TCustomHashTable::~TCustomHashTable() {
   LockTable();
   Clear();
-  delete[] FBuckets;
-  FBuckets = nullptr;
+  delete[] FBuckets.load(std::memory_order_relaxed);
+  FBuckets.store(nullptr, std::memory_order_relaxed);
+  delete[] FChains;
+  FChains = nullptr;
   UnlockTable();
   Trace(SHashDeleteCriticalSection);
 }
 
 THashBucket* TCustomHashTable::BucketArray() {
-  std::call_once(FBucketsOnce, [this] {
-    const int32_t N = HashSize();
-    FBuckets = new THashBucket[N > 0 ? N : 0]();
-    FBucketCount = N > 0 ? N : 0;
-  });
-  return FBuckets;
+  THashBucket* B = FBuckets.load(std::memory_order_acquire);
+  return B ? B : AllocateBuckets();
+}
+
+THashBucket* TCustomHashTable::AllocateBuckets() {
+  std::lock_guard<std::mutex> G(FAllocLock);
+  if (THashBucket* B = FBuckets.load(std::memory_order_acquire)) return B;
+  const int32_t N = std::max<int32_t>(HashSize(), 0);
+  auto* B = new THashBucket[N]();
+  try {
+    FChains = new TChainIndex[N];
+  } catch (...) {
+    delete[] B;
+    throw;
+  }
+  FBucketCount = N;
+  FBuckets.store(B, std::memory_order_release);
+  return B;
 }
 
 void TCustomHashTable::LockTable() {
@@ -86,9 +111,14 @@ THashItem* TCustomHashTable::FindItem(const Variant& Key, bool Silent, int32_t I
   TTableLock L(this);
   THashBucket* B = BucketArray();
   if (Idx < 0) Idx = HashFunc(Key);
+  (void)B;
   if (Idx >= 0 && Idx < FBucketCount) {
-    for (THashItem* Item = B[Idx].First; Item; Item = Item->BucketNext) {
-      if (Item->Key == Key) return Item;
+    // The chain from its head along BucketNext, through the index.
+    const TChainIndex& Chain = FChains[Idx];
+    const uint32_t Print = Chain.empty() ? 0 : KeyPrint(Key);
+    for (auto It = Chain.rbegin(); It != Chain.rend(); ++It) {
+      if (Print != 0 && It->Print != 0 && It->Print != Print) continue;
+      if (It->Item->Key == Key) return It->Item;
     }
   }
   if (!Silent) HashError(hKeyNotFound);
@@ -96,7 +126,7 @@ THashItem* TCustomHashTable::FindItem(const Variant& Key, bool Silent, int32_t I
 }
 
 void TCustomHashTable::AddItem(const Variant& Key, const std::string& Value) {
-  const Variant K = Key;
+  const Variant& K = Key;  // read before anything changes; no copy needed
   TTableLock L(this);
   THashBucket* B = BucketArray();
   const int32_t Idx = HashFunc(K);
@@ -106,6 +136,7 @@ void TCustomHashTable::AddItem(const Variant& Key, const std::string& Value) {
   try {
     Item->Key = K;
     Item->Values->Add(Value);
+    FChains[Idx].push_back({KeyPrint(K), Item});
   } catch (...) {
     delete Item;
     throw;
@@ -146,7 +177,14 @@ void TCustomHashTable::Unlink(THashItem* Item) {
     if (FFirst == Item) FFirst = Item->Next;
   }
   if (Item->Prev) Item->Prev->Next = Item->Next;
-  THashBucket& Bucket = FBuckets[Item->Index];
+  THashBucket& Bucket = FBuckets.load(std::memory_order_relaxed)[Item->Index];
+  TChainIndex& Chain = FChains[Item->Index];
+  for (auto It = Chain.begin(); It != Chain.end(); ++It) {
+    if (It->Item == Item) {
+      Chain.erase(It);
+      break;
+    }
+  }
   if (Item->BucketNext) Item->BucketNext->BucketPrev = Item->BucketPrev;
   if (!Item->BucketPrev) Bucket.First = Item->BucketNext;
   else Item->BucketPrev->BucketNext = Item->BucketNext;
@@ -165,7 +203,10 @@ void TCustomHashTable::RemoveItem(const Variant& Key) {
 void TCustomHashTable::Clear() {
   TTableLock L(this);
   FCount = 0;
-  if (FBuckets) std::memset(static_cast<void*>(FBuckets), 0, sizeof(THashBucket) * FBucketCount);
+  if (THashBucket* B = FBuckets.load(std::memory_order_relaxed)) {
+    std::memset(static_cast<void*>(B), 0, sizeof(THashBucket) * FBucketCount);
+    for (int32_t I = 0; I < FBucketCount; ++I) FChains[I].clear();
+  }
   if (!FWalkHeads.empty()) {
     // Cleared from inside a walk: free from the real head and end the walks.
     FFirst = FWalkHeads.front();
