@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -40,8 +41,7 @@ inline void XorBlock(uint8_t* Dst, const uint8_t* A, const uint8_t* B, size_t N 
 }
 
 void SecureZero(void* P, size_t N) {
-  volatile auto* V = static_cast<volatile uint8_t*>(P);
-  while (N--) *V++ = 0;
+  ::explicit_bzero(P, N);
 }
 
 // CBC decryption of Blocks whole blocks from In to Out (may be equal),
@@ -261,6 +261,7 @@ class TBlockFile {
   // the file had when it was opened.
   bool AtEnd() const { return FPos >= FSize; }
   int Handle() const { return FFd; }
+  int64_t Size() const { return FSize; }
 
  private:
   explicit TBlockFile(int Fd) : FFd(Fd) {}
@@ -275,6 +276,20 @@ class TBlockFile {
 // where the runs end) with fewer system calls.
 constexpr size_t KChunk = 8192;
 constexpr size_t KRun = 128 * KChunk;
+
+// The buffer of a file's runs: a run, or less for a smaller file (whole
+// chunks, one more than needed so that the last read finds the end).
+size_t RunSize(const TBlockFile& F) {
+  const auto Chunks = static_cast<uint64_t>(F.Size()) / KChunk + 1;
+  return Chunks >= KRun / KChunk ? KRun : static_cast<size_t>(Chunks) * KChunk;
+}
+
+// Wipes the used part of a data buffer when it goes, also on failure.
+struct TWipe {
+  uint8_t* P;
+  const size_t& Used;
+  ~TWipe() { SecureZero(P, Used); }
+};
 
 struct TKeyBlock {
   uint8_t Bytes[32];
@@ -343,26 +358,30 @@ std::string EncryptFile(const std::string& FileName, const std::string& PassPhra
     PrepareCipher(Cipher, Key, Check);
     Dst.Write(Check, sizeof Check);
 
-    std::vector<uint8_t> Buf(KRun);
+    const size_t Run = RunSize(Src);
+    std::unique_ptr<uint8_t[]> Buf(new uint8_t[Run]);
+    size_t Used = 0;
+    const TWipe Wipe{Buf.get(), Used};
     const bool Znd = SameText(ExtractFileExt(FileName), ".znd") || SameText(OutExt, ".znd");
     if (Znd) {
       // The last byte of the file stays as it is.
       do {
-        const size_t N = Src.Read(Buf.data(), KRun);
+        const size_t N = Src.Read(Buf.get(), Run);
+        Used = std::max(Used, N);
         const size_t Count = Src.AtEnd() ? (N > 0 ? N - 1 : 0) : N;
-        Cipher.Encrypt(Buf.data(), Buf.data(), Count);
-        Dst.Write(Buf.data(), N);
+        Cipher.Encrypt(Buf.get(), Buf.get(), Count);
+        Dst.Write(Buf.get(), N);
       } while (!Src.AtEnd());
     } else {
       size_t N;
       do {
-        N = Src.Read(Buf.data(), KRun);
-        Cipher.Encrypt(Buf.data(), Buf.data(), N);
-        Dst.Write(Buf.data(), N);
-      } while (N == KRun);
+        N = Src.Read(Buf.get(), Run);
+        Used = std::max(Used, N);
+        Cipher.Encrypt(Buf.get(), Buf.get(), N);
+        Dst.Write(Buf.get(), N);
+      } while (N == Run);
     }
     Cipher.Burn();
-    SecureZero(Buf.data(), Buf.size());
   } catch (const std::exception& E) {
     ShowDialog(std::string(SEncryptionFailed) + E.what());
     throw;
@@ -387,15 +406,17 @@ std::string DecryptFile(const std::string& FileName, const std::string& PassPhra
     Cipher.Burn();
     return std::string();
   }
-  std::vector<uint8_t> Buf(KRun);
-  size_t N;
+  const size_t Run = RunSize(Src);
+  std::unique_ptr<uint8_t[]> Buf(new uint8_t[Run]);
+  size_t N, Used = 0;
+  const TWipe Wipe{Buf.get(), Used};
   do {
-    N = Src.Read(Buf.data(), KRun);
-    Cipher.Decrypt(Buf.data(), Buf.data(), N);
-    Dst.Write(Buf.data(), N);
-  } while (N == KRun);
+    N = Src.Read(Buf.get(), Run);
+    Used = std::max(Used, N);
+    Cipher.Decrypt(Buf.get(), Buf.get(), N);
+    Dst.Write(Buf.get(), N);
+  } while (N == Run);
   Cipher.Burn();
-  SecureZero(Buf.data(), Buf.size());
   return OutName;
 }
 
