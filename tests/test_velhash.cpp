@@ -239,8 +239,11 @@ TEST(StringKeyHashTable, WalkItemsRaisingReleasesLock) {
   TWalker W(&T);
   W.RaiseAt = "B";
   EXPECT_THROW(T.WalkItems(TWalkItemProc::Bind<&TWalker::Visit>(&W)), Exception);
-  // The cursor stays at the item after the one visited.
+  // The cursor stays at the item after the one visited; the items before it
+  // are still found, and freed with the table.
   EXPECT_EQ(VarToStr(T.First()->Key), "A");
+  EXPECT_TRUE(T.KeyExists("C"));
+  EXPECT_EQ(T.Count(), 3);
   std::atomic<bool> Done{false};
   std::thread Other([&] {
     T.KeyExists("A");

@@ -203,20 +203,18 @@ void TCustomHashTable::RemoveItem(const Variant& Key) {
 void TCustomHashTable::Clear() {
   TTableLock L(this);
   FCount = 0;
+  // Every item is in exactly one bucket chain, also one that a raising walk
+  // left outside the all-items list, so the items are freed bucket by bucket.
   if (THashBucket* B = FBuckets.load(std::memory_order_relaxed)) {
     std::memset(static_cast<void*>(B), 0, sizeof(THashBucket) * FBucketCount);
-    for (int32_t I = 0; I < FBucketCount; ++I) FChains[I].clear();
+    for (int32_t I = 0; I < FBucketCount; ++I) {
+      for (const TChainEntry& E : FChains[I]) delete E.Item;
+      FChains[I].clear();
+    }
   }
-  if (!FWalkHeads.empty()) {
-    // Cleared from inside a walk: free from the real head and end the walks.
-    FFirst = FWalkHeads.front();
-    for (THashItem*& H : FWalkHeads) H = nullptr;
-  }
-  while (FFirst) {
-    THashItem* Item = FFirst;
-    FFirst = FFirst->Next;
-    delete Item;
-  }
+  // Inside a walk the walk ends.
+  FFirst = nullptr;
+  for (THashItem*& H : FWalkHeads) H = nullptr;
 }
 
 void TCustomHashTable::WalkItems(TWalkItemProc Proc) {
