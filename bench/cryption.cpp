@@ -13,8 +13,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
+#include <set>
 #include <random>
 #include <string>
 #include <vector>
@@ -113,8 +115,15 @@ BENCHMARK(BM_Decrypt_DecryptFile)->Unit(benchmark::kMillisecond)->UseRealTime()-
 // function's throughput relative to its baseline.
 class TRatioReporter : public benchmark::ConsoleReporter {
  public:
+  // Keyed by function and argument; with repetitions the median counts.
   void ReportRuns(const std::vector<Run>& Runs) override {
-    for (const Run& R : Runs) Times[R.benchmark_name()] = R.GetAdjustedRealTime();
+    for (const Run& R : Runs) {
+      std::string Key = R.run_name.function_name;
+      if (!R.run_name.args.empty()) Key += "/" + R.run_name.args;
+      const bool Median = R.run_type == Run::RT_Aggregate && R.aggregate_name == "median";
+      if (Median || (R.run_type == Run::RT_Iteration && !Medians.count(Key))) Times[Key] = R.GetAdjustedRealTime();
+      if (Median) Medians.insert(Key);
+    }
     ConsoleReporter::ReportRuns(Runs);
   }
   void Finalize() override {
@@ -129,12 +138,9 @@ class TRatioReporter : public benchmark::ConsoleReporter {
     if (M > 0 && B > 0)
       std::printf("%s throughput / Crypto++ CBC in memory: %.2fx\n", What, B / M);
   }
-  double Find(const std::string& Prefix) {
-    for (const auto& [Name, T] : Times)
-      if (Name.rfind(Prefix, 0) == 0) return T;
-    return 0;
-  }
+  double Find(const std::string& Key) { return Times.count(Key) ? Times[Key] : 0; }
   std::map<std::string, double> Times;
+  std::set<std::string> Medians;
 };
 
 }  // namespace

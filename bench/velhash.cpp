@@ -14,6 +14,7 @@
 
 #include <cstdio>
 #include <map>
+#include <set>
 #include <mutex>
 #include <string>
 #include <unordered_map>
@@ -85,8 +86,15 @@ BENCHMARK(BM_FnvHashTable)->Arg(10000)->Arg(1000000)->Unit(benchmark::kMilliseco
 
 class TRatioReporter : public benchmark::ConsoleReporter {
  public:
+  // Keyed by function and argument; with repetitions the median counts.
   void ReportRuns(const std::vector<Run>& Runs) override {
-    for (const Run& R : Runs) Times[R.benchmark_name()] = R.GetAdjustedCPUTime();
+    for (const Run& R : Runs) {
+      std::string Key = R.run_name.function_name;
+      if (!R.run_name.args.empty()) Key += "/" + R.run_name.args;
+      const bool Median = R.run_type == Run::RT_Aggregate && R.aggregate_name == "median";
+      if (Median || (R.run_type == Run::RT_Iteration && !Medians.count(Key))) Times[Key] = R.GetAdjustedCPUTime();
+      if (Median) Medians.insert(Key);
+    }
     ConsoleReporter::ReportRuns(Runs);
   }
   void Finalize() override {
@@ -102,6 +110,7 @@ class TRatioReporter : public benchmark::ConsoleReporter {
       std::printf("%s time / %s time: %.2fx\n", Mine.c_str(), Base.c_str(), Times[Mine] / Times[Base]);
   }
   std::map<std::string, double> Times;
+  std::set<std::string> Medians;
 };
 
 }  // namespace

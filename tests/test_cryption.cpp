@@ -251,6 +251,24 @@ TEST_F(CryptFiles, EncryptedFilesHaveExactBytesAndRoundTrip) {
   EXPECT_TRUE(Dialogs.empty());
 }
 
+// Files of several 1 MiB runs go through the pipelined loop; sizes on and
+// beside a run boundary, both modes.
+TEST_F(CryptFiles, LargeFilesHaveExactBytes) {
+  constexpr size_t MiB = 1u << 20;
+  for (const size_t N : {2 * MiB, 2 * MiB + 17, 3 * MiB - 1}) {
+    for (const bool Znd : {false, true}) {
+      SCOPED_TRACE(testing::Message() << "size " << N << " znd " << Znd);
+      const Bytes Data = RandomBytes(N, static_cast<uint32_t>(N));
+      const std::string Src = Znd ? "big.znd" : "big.bin";
+      Put(Src, Data);
+      const std::string Enc = EncryptFile(Path(Src), "large", "enc", true);
+      const Bytes File = Get(Enc);
+      ASSERT_EQ(File, RefEncryptedFile("large", Data, Znd));
+      ASSERT_EQ(Get(DecryptFile(Enc, "large", "dec")), RefCrypt(KeyBlock("large"), File.substr(32), false));
+    }
+  }
+}
+
 // ".znd" as output extension selects the mode as well; a 10-byte source
 // keeps its last byte.
 TEST_F(CryptFiles, ZndOutputExtensionKeepsLastByte) {

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -284,12 +285,68 @@ size_t RunSize(const TBlockFile& F) {
   return Chunks >= KRun / KChunk ? KRun : static_cast<size_t>(Chunks) * KChunk;
 }
 
-// Wipes the used part of a data buffer when it goes, also on failure.
-struct TWipe {
-  uint8_t* P;
-  const size_t& Used;
-  ~TWipe() { SecureZero(P, Used); }
+// One run's buffer, what was read into it, and whether that read reached
+// the end of the source.
+struct TRun {
+  std::unique_ptr<uint8_t[]> P;
+  size_t N = 0;
+  size_t Used = 0;  // the most bytes it has held, wiped at the end
+  bool AtEnd = false;
+  ~TRun() {
+    if (P) SecureZero(P.get(), Used);
+  }
 };
+
+// Reads Src run by run, transforms each run in place and writes it to Dst,
+// as the chunk loop of the file format does: the loop ends with the first
+// short read, or in ".znd" mode (Znd) with the read that reaches the end,
+// whose last byte is then left as it is. Files of more than one run are
+// pipelined over three buffers: while Transform works on one run, a helper
+// thread writes the previous one and reads the next, so reading and writing
+// cost no time of their own when a core is free.
+template <class TTransform>
+void ProcessRuns(TBlockFile& Src, TBlockFile& Dst, bool Znd, TTransform Transform) {
+  const size_t Run = RunSize(Src);
+  const bool Pipelined = Src.Size() > static_cast<int64_t>(Run);
+  TRun Runs[3];
+  for (int I = 0; I < (Pipelined ? 3 : 1); ++I) Runs[I].P.reset(new uint8_t[Run]);
+  auto Read = [&](TRun& R) {
+    R.N = Src.Read(R.P.get(), Run);
+    R.Used = std::max(R.Used, R.N);
+    R.AtEnd = Src.AtEnd();
+  };
+  auto IsLast = [&](const TRun& R) { return Znd ? R.AtEnd : R.N != Run; };
+  auto Count = [&](const TRun& R) { return Znd && R.AtEnd ? (R.N > 0 ? R.N - 1 : 0) : R.N; };
+  if (!Pipelined) {
+    TRun& R = Runs[0];
+    do {
+      Read(R);
+      Transform(R.P.get(), Count(R));
+      Dst.Write(R.P.get(), R.N);
+    } while (!IsLast(R));
+    return;
+  }
+  Read(Runs[0]);
+  TRun* Prev = nullptr;
+  for (int Cur = 0;; Cur = (Cur + 1) % 3) {
+    TRun& C = Runs[Cur];
+    TRun& Next = Runs[(Cur + 1) % 3];
+    const bool More = !IsLast(C);
+    // The future's destructor waits for the helper, also when Transform
+    // raises.
+    auto Io = std::async(std::launch::async, [&, Prev, More] {
+      if (Prev) Dst.Write(Prev->P.get(), Prev->N);
+      if (More) Read(Next);
+    });
+    Transform(C.P.get(), Count(C));
+    Io.get();
+    if (!More) {
+      Dst.Write(C.P.get(), C.N);
+      break;
+    }
+    Prev = &C;
+  }
+}
 
 struct TKeyBlock {
   uint8_t Bytes[32];
@@ -358,29 +415,8 @@ std::string EncryptFile(const std::string& FileName, const std::string& PassPhra
     PrepareCipher(Cipher, Key, Check);
     Dst.Write(Check, sizeof Check);
 
-    const size_t Run = RunSize(Src);
-    std::unique_ptr<uint8_t[]> Buf(new uint8_t[Run]);
-    size_t Used = 0;
-    const TWipe Wipe{Buf.get(), Used};
     const bool Znd = SameText(ExtractFileExt(FileName), ".znd") || SameText(OutExt, ".znd");
-    if (Znd) {
-      // The last byte of the file stays as it is.
-      do {
-        const size_t N = Src.Read(Buf.get(), Run);
-        Used = std::max(Used, N);
-        const size_t Count = Src.AtEnd() ? (N > 0 ? N - 1 : 0) : N;
-        Cipher.Encrypt(Buf.get(), Buf.get(), Count);
-        Dst.Write(Buf.get(), N);
-      } while (!Src.AtEnd());
-    } else {
-      size_t N;
-      do {
-        N = Src.Read(Buf.get(), Run);
-        Used = std::max(Used, N);
-        Cipher.Encrypt(Buf.get(), Buf.get(), N);
-        Dst.Write(Buf.get(), N);
-      } while (N == Run);
-    }
+    ProcessRuns(Src, Dst, Znd, [&](uint8_t* P, size_t N) { Cipher.Encrypt(P, P, N); });
     Cipher.Burn();
   } catch (const std::exception& E) {
     ShowDialog(std::string(SEncryptionFailed) + E.what());
@@ -406,16 +442,8 @@ std::string DecryptFile(const std::string& FileName, const std::string& PassPhra
     Cipher.Burn();
     return std::string();
   }
-  const size_t Run = RunSize(Src);
-  std::unique_ptr<uint8_t[]> Buf(new uint8_t[Run]);
-  size_t N, Used = 0;
-  const TWipe Wipe{Buf.get(), Used};
-  do {
-    N = Src.Read(Buf.get(), Run);
-    Used = std::max(Used, N);
-    Cipher.Decrypt(Buf.get(), Buf.get(), N);
-    Dst.Write(Buf.get(), N);
-  } while (N == Run);
+  // No ".znd" case here: such a file's last byte is decrypted too.
+  ProcessRuns(Src, Dst, false, [&](uint8_t* P, size_t N) { Cipher.Decrypt(P, P, N); });
   Cipher.Burn();
   return OutName;
 }
