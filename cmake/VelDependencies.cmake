@@ -57,6 +57,9 @@ if(VEL_BUILD_TESTS)
   function(vel_link_test_dependencies)
     if(TARGET vel_tests)
       target_link_libraries(vel_tests PRIVATE PkgConfig::PUGIXML PkgConfig::SQLITE3)
+      # The encryption tests check the library's chaining against Crypto++'s
+      # own CBC and CFB modes.
+      target_link_libraries(vel_tests PRIVATE PkgConfig::CRYPTOPP)
     endif()
   endfunction()
   cmake_language(DEFER DIRECTORY "${PROJECT_SOURCE_DIR}" CALL vel_link_test_dependencies)

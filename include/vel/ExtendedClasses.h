@@ -300,4 +300,66 @@ class VEL_API TSearchNotifyList : public TComponent {
   TList* FList;
 };
 
+// ---------------------------------------------------------------------------
+// Memory-mapped files
+
+VEL_EXCEPTION(EMemoryMapFile, Exception);
+
+inline constexpr const char* SMemoryMapLoadFile = "Unable to load file %s for memory mapping";
+inline constexpr const char* SMemoryMapFile = "Unable to Map File %s";
+inline constexpr const char* SMemoryMapView = "Unable to Map View of File %s";
+// The size field holds 32 bits: larger files are refused rather than mapped
+// in part.
+inline constexpr const char* SMemoryMapTooLarge =
+    "Unable to Map File %s: files of 4 GiB or more cannot be mapped";
+
+// Mode value that creates (or truncates) the file instead of opening it.
+inline constexpr int32_t mmCreate = 0xFFFF;
+
+// Opens or creates a file and maps all of it at construction (MAP_SHARED);
+// Data points at its bytes until destruction. Mode is the runtime's open
+// mode: its access bits (fmOpenRead 0, fmOpenWrite 1, fmOpenReadWrite 2)
+// open the file, and any Mode other than 0 maps the pages for reading and
+// writing (so it needs a file opened for both); 0 maps them read-only, and
+// a write to them faults. mmCreate creates the file, which is then empty
+// and cannot be mapped: construction fails with "Unable to Map File %s" and
+// the empty file stays. The mapping covers the size at opening; later
+// growth of the file is not seen.
+//
+// Each step raises EMemoryMapFile with its message (%s is the file name);
+// a failed construction releases what it had opened. At destruction the
+// file handle is closed, then the mapping handle, then the view unmapped.
+//
+// Thread safety: the object is immutable after construction; access to
+// Data follows the usual rules for shared memory.
+class VEL_API TMemoryMapFile : public TObject {
+  VEL_CLASS(TMemoryMapFile, TObject)
+ public:
+  // The third argument is accepted for compatibility and not used.
+  TMemoryMapFile(const std::string& AFileName, int32_t AMode, int32_t Unused = 0);
+  ~TMemoryMapFile() override;
+
+  const std::string& FileName() const { return FFileName; }
+  uint32_t FileSize() const { return FFileSize; }
+  int32_t Mode() const { return FMode; }
+  int FileHandle() const { return FFileHandle; }
+  int MapHandle() const { return FMapHandle; }
+  void* Data() const { return FData; }
+
+ protected:
+  void LoadFile();
+  void CreateFileMap();
+  void MapFileView();
+  void FreeMapView();
+
+ private:
+  void Release();
+  std::string FFileName;
+  uint32_t FFileSize = 0;
+  int32_t FMode = 0;
+  int FFileHandle = -1;
+  int FMapHandle = -1;
+  void* FData = nullptr;
+};
+
 }  // namespace vel

@@ -1,6 +1,7 @@
 // Process-wide debug-output sink.
 #include "vel/rtl/Debug.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -23,9 +24,16 @@ SinkState& State() {
   return S;
 }
 
-void DefaultSink(const std::string& Msg) {
+bool DefaultEnabled() {
   static const bool Enabled = std::getenv("VEL_DEBUG_OUTPUT") != nullptr;
-  if (!Enabled) return;
+  return Enabled;
+}
+
+// Set while a sink is installed.
+std::atomic<bool> SinkInstalled{false};
+
+void DefaultSink(const std::string& Msg) {
+  if (!DefaultEnabled()) return;
   // One fwrite per message keeps lines from different threads whole.
   std::string Line = Msg;
   Line.push_back('\n');
@@ -48,6 +56,10 @@ void OutputDebugStringA(const std::string& Msg) {
     DefaultSink(Msg);
 }
 
+bool DebugOutputActive() noexcept {
+  return SinkInstalled.load(std::memory_order_relaxed) || DefaultEnabled();
+}
+
 TDebugOutputSink SetDebugOutputSink(TDebugOutputSink Sink) {
   std::shared_ptr<const TDebugOutputSink> Next;
   if (Sink) Next = std::make_shared<const TDebugOutputSink>(std::move(Sink));
@@ -57,6 +69,7 @@ TDebugOutputSink SetDebugOutputSink(TDebugOutputSink Sink) {
     std::lock_guard<std::mutex> G(S.Lock);
     Prev = std::move(S.Sink);
     S.Sink = std::move(Next);
+    SinkInstalled.store(S.Sink != nullptr, std::memory_order_relaxed);
   }
   return Prev ? *Prev : TDebugOutputSink();
 }

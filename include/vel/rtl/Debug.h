@@ -20,6 +20,11 @@ using TDebugOutputSink = std::function<void(const std::string&)>;
 // Sends Msg to the current debug-output sink.
 VEL_API void OutputDebugStringA(const std::string& Msg);
 
+// True when OutputDebugStringA delivers messages anywhere: a sink is
+// installed or VEL_DEBUG_OUTPUT is set. One relaxed atomic load, so code that
+// traces on a hot path can skip building its message while output is silent.
+VEL_API bool DebugOutputActive() noexcept;
+
 // Installs Sink as the debug-output sink and returns the previous one.
 // Passing an empty function restores the default sink (stderr when
 // VEL_DEBUG_OUTPUT is set, silent otherwise).

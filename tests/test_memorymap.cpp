@@ -1,0 +1,136 @@
+// TMemoryMapFile: messages with the file name, creation, read-only pages that
+// fault when written (in a child process), shared writes reaching the file,
+// the 4 GiB limit, and no descriptor left open by any path.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "vel/ExtendedClasses.h"
+#include "vel/rtl/Streams.h"
+
+using namespace vel;
+namespace fs = std::filesystem;
+
+namespace {
+
+class MemoryMap : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* Base = std::getenv("VEL_TEST_TMPDIR");
+    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_memorymap_XXXXXX";
+    fs::create_directories(fs::path(Tmpl).parent_path());
+    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
+    Dir = Tmpl;
+    FdsAtStart = OpenFds();
+  }
+  void TearDown() override {
+    EXPECT_EQ(OpenFds(), FdsAtStart) << "a descriptor was left open";
+    std::error_code Ec;
+    fs::remove_all(Dir, Ec);
+  }
+  static size_t OpenFds() {
+    size_t N = 0;
+    for (auto It = fs::directory_iterator("/proc/self/fd"); It != fs::directory_iterator(); ++It) ++N;
+    return N;
+  }
+  std::string Path(const std::string& Name) const { return Dir + "/" + Name; }
+  void Put(const std::string& Name, const std::string& Data) {
+    std::ofstream(Path(Name), std::ios::binary) << Data;
+  }
+  static std::string Get(const std::string& Full) {
+    std::ifstream F(Full, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(F), {});
+  }
+  template <class F>
+  static std::string ErrorOf(F&& Fn) {
+    try {
+      Fn();
+    } catch (const EMemoryMapFile& E) {
+      return E.what();
+    }
+    return "no EMemoryMapFile";
+  }
+  std::string Dir;
+  size_t FdsAtStart = 0;
+};
+
+}  // namespace
+
+TEST_F(MemoryMap, FailuresNameTheFileAndReleaseEverything) {
+  const std::string Missing = Path("missing.bin");
+  EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Missing, fmOpenRead, 0); }),
+            "Unable to load file " + Missing + " for memory mapping");
+
+  Put("data.bin", "content");
+  const std::string Data = Path("data.bin");
+  // Pages for writing need a file opened for reading and writing.
+  for (const int32_t Mode : {int32_t(fmOpenWrite), int32_t(fmOpenRead | fmShareDenyNone)}) {
+    EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Data, Mode, 0); }), "Unable to Map File " + Data) << Mode;
+  }
+  EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Data, 3, 0); }),
+            "Unable to load file " + Data + " for memory mapping");
+
+  // Creating truncates; an empty file cannot be mapped and stays behind.
+  EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Data, mmCreate, 0); }), "Unable to Map File " + Data);
+  EXPECT_TRUE(fs::exists(Data));
+  EXPECT_EQ(fs::file_size(Data), 0u);
+  const std::string Fresh = Path("fresh.bin");
+  EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Fresh, mmCreate, 0); }), "Unable to Map File " + Fresh);
+  EXPECT_TRUE(fs::exists(Fresh));
+}
+
+TEST_F(MemoryMap, ReadOnlyViewFaultsOnWrite) {
+  Put("ro.bin", "read only bytes");
+  TMemoryMapFile M(Path("ro.bin"), fmOpenRead, 0);
+  ASSERT_NE(M.Data(), nullptr);
+  EXPECT_EQ(M.FileSize(), 15u);
+  EXPECT_EQ(std::string(static_cast<const char*>(M.Data()), M.FileSize()), "read only bytes");
+
+  const pid_t Child = ::fork();
+  ASSERT_GE(Child, 0);
+  if (Child == 0) {
+    // The default action, whatever handler a sanitizer installed.
+    struct sigaction Dfl {};
+    Dfl.sa_handler = SIG_DFL;
+    ::sigaction(SIGSEGV, &Dfl, nullptr);
+    ::sigaction(SIGBUS, &Dfl, nullptr);
+    static_cast<volatile char*>(M.Data())[0] = 'X';
+    ::_exit(0);
+  }
+  int Status = 0;
+  ASSERT_EQ(::waitpid(Child, &Status, 0), Child);
+  ASSERT_TRUE(WIFSIGNALED(Status)) << "the write did not fault";
+  EXPECT_TRUE(WTERMSIG(Status) == SIGSEGV || WTERMSIG(Status) == SIGBUS);
+  EXPECT_EQ(Get(Path("ro.bin")), "read only bytes");
+}
+
+TEST_F(MemoryMap, ReadWriteViewChangesTheFileAndIgnoresGrowth) {
+  Put("rw.bin", "abcdef");
+  {
+    TMemoryMapFile M(Path("rw.bin"), fmOpenReadWrite, 0);
+    EXPECT_EQ(M.Mode(), fmOpenReadWrite);
+    std::memcpy(M.Data(), "XY", 2);
+    std::ofstream(Path("rw.bin"), std::ios::binary | std::ios::app) << "more";
+    EXPECT_EQ(M.FileSize(), 6u);
+  }
+  EXPECT_EQ(Get(Path("rw.bin")), "XYcdefmore");
+}
+
+TEST_F(MemoryMap, FilesOf4GiBAreRefused) {
+  const std::string Big = Path("big.bin");
+  const int Fd = ::open(Big.c_str(), O_CREAT | O_RDWR, 0644);
+  ASSERT_GE(Fd, 0);
+  const bool Sized = ::ftruncate(Fd, off_t(1) << 32) == 0;
+  ::close(Fd);
+  if (!Sized) GTEST_SKIP() << "the file system cannot hold a sparse 4 GiB file";
+  EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Big, fmOpenRead, 0); }),
+            "Unable to Map File " + Big + ": files of 4 GiB or more cannot be mapped");
+}
