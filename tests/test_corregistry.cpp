@@ -1,0 +1,300 @@
+// CorRegistry: where the settings registry reads from (configuration file,
+// registry key, data file), the setters' order of effects, "[DataPath]",
+// the export, the module list and the singleton.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "vel/CorRegistry.h"
+#include "vel/RttiStrm.h"
+#include "vel/rtl/Messages.h"
+#include "vel/rtl/Registry.h"
+#include "vel/rtl/Streams.h"
+#include "vel/rtl/SysUtils.h"
+
+using namespace vel;
+
+namespace {
+
+class CorvaneRegistryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* Base = std::getenv("VEL_TEST_TMPDIR");
+    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_correg_XXXXXX";
+    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
+    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
+    Dir = Tmpl;
+    DataDir = Dir + "/data";
+    ::setenv("VEL_DATA_DIR", DataDir.c_str(), 1);
+    ::setenv("VEL_SYSTEM_DIR", (Dir + "/system").c_str(), 1);
+    ::setenv("VEL_REGISTRY_DIR", (Dir + "/registry").c_str(), 1);
+    SavedSink = SetDialogSink([](const std::string&, const std::string&, UINT) { return IDOK; });
+    SavedCurrency = FormatSettings.CurrencyString;
+  }
+  void TearDown() override {
+    ReleaseCorvaneRegistry();
+    FormatSettings.CurrencyString = SavedCurrency;
+    SetDialogSink(SavedSink);
+    std::error_code Ec;
+    std::filesystem::remove_all(Dir, Ec);
+  }
+  void PutConfig(const std::string& Xml) {
+    std::filesystem::create_directories(DataDir + "/Misc");
+    std::ofstream(DataDir + "/Misc/Corvane.config", std::ios::binary) << Xml;
+  }
+  static std::string Get(const std::string& Path) {
+    std::ifstream F(Path, std::ios::binary);
+    std::stringstream B;
+    B << F.rdbuf();
+    return B.str();
+  }
+  static void PutReg(HKEY Root, const std::string& Key, const std::string& Name, const std::string& Value) {
+    TRegistry R;
+    R.SetRootKey(Root);
+    ASSERT_TRUE(R.OpenKey(Key, true));
+    R.WriteString(Name, Value);
+  }
+
+  std::string Dir, DataDir, SavedCurrency;
+  TDialogSink SavedSink;
+};
+
+const char* const ConfigXml =
+    "<?xml version=\"1.0\"?>\n"
+    "<Configuration>\n"
+    " <Corvane>\n"
+    "  <Version>7.2</Version>\n"
+    "  <UpdateStart>1</UpdateStart>\n"
+    "  <ProviderDB>[DataPath]\\prov.mdb</ProviderDB>\n"
+    "  <ApplicationDB>[DataPath]\\app.mdb</ApplicationDB>\n"
+    "  <RestrictMaxCorVersion>3</RestrictMaxCorVersion>\n"
+    "  <CurrencyStr>DM</CurrencyStr>\n"
+    "  <Shell><ProductTree><Module>tree.so</Module><Version>1.1</Version></ProductTree></Shell>\n"
+    "  <Dialogs><FatalDialog><Caption>Fatal</Caption></FatalDialog></Dialogs>\n"
+    " </Corvane>\n"
+    " <Other><Version>9</Version></Other>\n"
+    "</Configuration>\n";
+
+// Records the locations the storage is made from, to show the order in
+// which the setters change them.
+class TRecording : public TCorvaneRegistry {
+ public:
+  using TCorvaneRegistry::TCorvaneRegistry;
+  std::vector<std::string> Log;
+
+ protected:
+  void CreateStorage() override {
+    Log.push_back(GetEnumName(TypeInfoOf<TStorageType>(), StorageType()) + " file=" + FileName() +
+                  " reg=" + RegKey() + " config=" + ConfigKey());
+    TCorvaneRegistry::CreateStorage();
+  }
+};
+
+}  // namespace
+
+TEST_F(CorvaneRegistryTest, WithoutAConfigurationFileEverythingKeepsItsInitialValue) {
+  TCorvaneRegistry* R = CorvaneRegistry();
+  EXPECT_EQ(R, TCorvaneRegistry::CorvaneRegistry());
+  EXPECT_EQ(R->StorageType(), stConfigFile);
+  EXPECT_EQ(R->ConfigKey(), "Corvane");
+  EXPECT_TRUE(R->Storage()->InheritsFrom(TConfigStorage::StaticClass()));
+  EXPECT_EQ(R->Storage()->Location(), "Corvane");
+  EXPECT_EQ(R->Version, "");
+  EXPECT_EQ(R->ProviderDB(), "");
+  EXPECT_FALSE(R->UpdateStart);
+  EXPECT_EQ(R->RestrictMaxCorVersion, 0);
+  EXPECT_EQ(R->Shell()->ProductTree()->Module, "");
+}
+
+TEST_F(CorvaneRegistryTest, SingletonReadsTheConfigurationFile) {
+  PutConfig(ConfigXml);
+  FormatSettings.CurrencyString = " \x80 ";
+  TCorvaneRegistry* R = CorvaneRegistry();
+  EXPECT_EQ(R->Version, "7.2");
+  EXPECT_TRUE(R->UpdateStart);
+  EXPECT_EQ(R->ProviderDB(), DataDir + "\\prov.mdb");
+  EXPECT_EQ(R->ApplicationDB, "[DataPath]\\app.mdb");
+  EXPECT_EQ(R->RestrictMaxCorVersion, 3);
+  EXPECT_EQ(R->GetCurrencyStr(), "\x80");  // the stored "DM" is dropped
+  EXPECT_EQ(R->Shell()->ProductTree()->Module, "tree.so");
+  EXPECT_EQ(R->Shell()->ProductTree()->Version, "1.1");
+  EXPECT_EQ(R->Dialogs()->FatalDialog()->Caption, "Fatal");
+  // Freed and made again on the next call; the destructor writes nothing.
+  delete R;
+  EXPECT_FALSE(std::filesystem::exists(Dir + "/system/Misc/Corvane.config"));
+  TCorvaneRegistry* Again = CorvaneRegistry();
+  EXPECT_NE(Again, nullptr);
+  EXPECT_EQ(Again->Version, "7.2");
+}
+
+TEST_F(CorvaneRegistryTest, DataPathIsReplacedOnceAndOnlyByThreeSetters) {
+  TCorvaneRegistry R(nullptr, stConfigFile);
+  struct {
+    std::string In, Out;
+  } const Cases[] = {
+      {"[DataPath]\\prov.mdb", DataDir + "\\prov.mdb"},
+      {"x[DataPath]y[DataPath]", "x" + DataDir + "y[DataPath]"},
+      {"[datapath]\\a", "[datapath]\\a"},
+      {"", ""},
+  };
+  for (const auto& C : Cases) {
+    R.SetProviderDB(C.In);
+    R.SetListsDB(C.In);
+    R.SetVelBankLookupDB(C.In);
+    EXPECT_EQ(R.ProviderDB(), C.Out);
+    EXPECT_EQ(R.ListsDB(), C.Out);
+    EXPECT_EQ(R.VelBankLookupDB(), C.Out);
+  }
+  SetPropValue(&R, "ApplicationDB", Variant("[DataPath]\\prov.mdb"));
+  SetPropValue(&R, "LookupDB", Variant("[DataPath]\\l.mdb"));
+  EXPECT_EQ(R.ApplicationDB, "[DataPath]\\prov.mdb");
+  EXPECT_EQ(R.LookupDB, "[DataPath]\\l.mdb");
+}
+
+TEST_F(CorvaneRegistryTest, RegKeyReadsFromLocalMachineAndClearsFileName) {
+  PutReg(HKEY_LOCAL_MACHINE, "Software\\Velmont\\Corvane", "Version", "8.0");
+  PutReg(HKEY_LOCAL_MACHINE, "Software\\Velmont\\Corvane", "DocumentPath", "/srv/docs");
+  PutReg(HKEY_LOCAL_MACHINE, "Software\\Velmont\\Corvane\\Shell\\Advisor", "Module", "adv.so");
+  PutReg(HKEY_CURRENT_USER, "Software\\Velmont\\Corvane", "Version", "user");
+  TRecording R(nullptr, stConfigFile);
+  R.SetFileName(Dir + "/none.dat");
+  EXPECT_EQ(R.StorageType(), stDataFile);
+  R.SetRegKey("Software\\Velmont\\Corvane");
+  EXPECT_EQ(R.StorageType(), stRegistry);
+  EXPECT_EQ(R.Version, "8.0");
+  EXPECT_EQ(R.DocumentPath, "/srv/docs");
+  EXPECT_EQ(R.Shell()->Advisor()->Module, "adv.so");
+  EXPECT_EQ(R.FileName(), "");
+  // The storage was made while the old location was still set: each setter
+  // stores, switches and reads, and only then clears the other location.
+  EXPECT_EQ(R.Log, (std::vector<std::string>{
+                       "stDataFile file=" + Dir + "/none.dat reg= config=Corvane",
+                       "stRegistry file=" + Dir + "/none.dat reg=Software\\Velmont\\Corvane config=Corvane"}));
+  // The same key again does nothing.
+  R.Version = "changed";
+  R.SetRegKey("Software\\Velmont\\Corvane");
+  EXPECT_EQ(R.Version, "changed");
+  EXPECT_EQ(R.Log.size(), 2u);
+  // SetStorageType reads again even when the type does not change.
+  R.SetStorageType(stRegistry);
+  EXPECT_EQ(R.Version, "8.0");
+  EXPECT_EQ(R.Log.size(), 3u);
+}
+
+TEST_F(CorvaneRegistryTest, ConfigKeySwitchesAndSetsTheFileNameAfterReading) {
+  PutConfig(ConfigXml);
+  TRecording R(nullptr, stRegistry);
+  EXPECT_EQ(R.Version, "");  // empty registry key: nothing read
+  R.SetConfigKey("Other");
+  EXPECT_EQ(R.Version, "9");
+  EXPECT_EQ(R.StorageType(), stConfigFile);
+  EXPECT_EQ(R.FileName(), "Corvane.config");
+  EXPECT_EQ(R.Log, std::vector<std::string>{"stConfigFile file= reg= config=Other"});
+  // Values the new store lacks stay as they were.
+  R.SetConfigKey("Corvane");
+  EXPECT_EQ(R.Version, "7.2");
+  EXPECT_EQ(R.Shell()->ProductTree()->Module, "tree.so");
+  R.SetConfigKey("Other");
+  EXPECT_EQ(R.Version, "9");
+  EXPECT_EQ(R.Shell()->ProductTree()->Module, "tree.so");
+}
+
+TEST_F(CorvaneRegistryTest, DataFileRoundTripAndDamage) {
+  std::string File = Dir + "/corvane.dat";
+  {
+    TCorvaneRegistry A(nullptr, stConfigFile);
+    A.Version = "5.1";
+    A.UpdateStart = true;
+    A.RestrictMaxCorVersion = 42;
+    A.SetListsDB("/lists.db");
+    A.Options();
+    A.Dialogs()->SignOffDialog()->Module = "signoff.so";
+    TFileStorage(File).SaveRegistryData(&A);
+  }
+  TCorvaneRegistry B(nullptr, stConfigFile);
+  B.SetFileName(File);
+  EXPECT_EQ(B.StorageType(), stDataFile);
+  EXPECT_EQ(B.Version, "5.1");
+  EXPECT_TRUE(B.UpdateStart);
+  EXPECT_EQ(B.RestrictMaxCorVersion, 42);
+  EXPECT_EQ(B.ListsDB(), "/lists.db");
+  EXPECT_EQ(B.Dialogs()->SignOffDialog()->Module, "signoff.so");
+
+  // A missing file reads nothing; a damaged one raises out of the setter.
+  TCorvaneRegistry C(nullptr, stConfigFile);
+  EXPECT_NO_THROW(C.SetFileName(Dir + "/missing.dat"));
+  std::string Bytes = Get(File);
+  std::ofstream(Dir + "/cut.dat", std::ios::binary) << Bytes.substr(0, Bytes.size() / 2);
+  EXPECT_THROW(C.SetFileName(Dir + "/cut.dat"), Exception);
+  // Writing where no file can be made raises the creation error.
+  EXPECT_THROW(TFileStorage(Dir + "/no/dir/x.dat").SaveRegistryData(&C), EFCreateError);
+  // The default data file is the executable's path with ".dat".
+  EXPECT_EQ(ExtractFileExt(TFileStorage().Location()), ".dat");
+}
+
+TEST_F(CorvaneRegistryTest, SaveAsRegFileNeedsARegistryKey) {
+  TCorvaneRegistry R(nullptr, stConfigFile);
+  std::string Out = Dir + "/out.reg";
+  R.SaveAsRegFile(Out, true);
+  EXPECT_FALSE(std::filesystem::exists(Out));
+
+  PutReg(HKEY_LOCAL_MACHINE, "Software\\Velmont\\Corvane", "Version", "8.0");
+  PutReg(HKEY_CURRENT_USER, "Software\\Velmont\\Corvane", "Version", "6.5");
+  R.SetRegKey("Software\\Velmont\\Corvane");
+  R.SaveAsRegFile(Out, false);
+  std::string Text = Get(Out);
+  EXPECT_EQ(Text.rfind("REGEDIT4\r\n\r\n[Software\\Velmont\\Corvane\\Software\\Velmont\\Corvane]\r\n\r\n"
+                       "[Software\\Velmont\\Corvane\\]\r\n\"ApplicationDB\"=\"\"\r\n",
+                       0),
+            0u)
+      << Text;
+  // The export reads HKEY_CURRENT_USER; the nested settings objects have
+  // their own sections after the owner's values.
+  EXPECT_NE(Text.find("\"Version\"=\"6.5\"\r\n"), std::string::npos);
+  EXPECT_NE(Text.find("\r\n\r\n[Software\\Velmont\\Corvane\\Dialogs\\FatalDialog\\]\r\n"
+                      "\"Caption\"=\"\"\r\n\"Module\"=\"\"\r\n\"PackageClass\"=\"\"\r\n\"Version\"=\"\"\r\n"),
+            std::string::npos);
+
+  // An existing data file (FileName, relative to the working folder after
+  // SetConfigKey) blocks the export unless Overwrite is set.
+  std::filesystem::remove(Out);
+  R.SetConfigKey("Other");
+  EXPECT_EQ(R.RegKey(), "Software\\Velmont\\Corvane");
+  EXPECT_EQ(R.FileName(), "Corvane.config");
+  auto Cwd = std::filesystem::current_path();
+  std::filesystem::current_path(Dir);
+  std::ofstream("Corvane.config") << "x";
+  R.SaveAsRegFile(Out, false);
+  EXPECT_FALSE(std::filesystem::exists(Out));
+  R.SaveAsRegFile(Out, true);
+  EXPECT_TRUE(std::filesystem::exists(Out));
+  std::filesystem::current_path(Cwd);
+}
+
+TEST_F(CorvaneRegistryTest, AllModulesInfoListsThirteenModulesInOrder) {
+  TCorvaneRegistry R(nullptr, stConfigFile);
+  TRegPackage* Packages[] = {R.Shell()->ProductTree(), R.Shell()->MessageView(),
+                             R.Shell()->Marketing(),   R.Shell()->Advisor(),
+                             R.Shell()->ImportApp(),   R.Shell()->ExportApp(),
+                             R.Shell()->OpenNew(),     R.Shell()->DeleteApps(),
+                             R.Shell()->DBUtilities(), R.Dialogs()->FatalDialog(),
+                             R.Dialogs()->CompleteDialog(), R.Dialogs()->SignOffDialog(),
+                             R.Dialogs()->InCompleteDialog()};
+  int I = 0;
+  for (TRegPackage* P : Packages) {
+    P->Module = "m" + std::to_string(I);
+    P->Version = "v" + std::to_string(I++);
+  }
+  TStringList L;
+  L.Add("stale");
+  R.AllModulesInfo(&L, true);
+  ASSERT_EQ(L.Count(), 13);
+  for (int J = 0; J < 13; ++J) EXPECT_EQ(L.Strings(J), "m" + std::to_string(J) + "=v" + std::to_string(J));
+  R.AllModulesInfo(&L, false);
+  ASSERT_EQ(L.Count(), 13);
+  EXPECT_EQ(L.Strings(12), "m12");
+  EXPECT_EQ(TCorvaneRegistry::GetModuleInfo(R.Shell()->Advisor(), true), "m3=v3");
+}

@@ -1,0 +1,338 @@
+// Tests of the runtime's registry: vel/rtl/Registry.h.
+#include "vel/rtl/Registry.h"
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "vel/rtl/StringLists.h"
+
+using namespace vel;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Every case gets its own hive folder through VEL_REGISTRY_DIR.
+class Registry : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    const char* Base = std::getenv("VEL_TEST_TMPDIR");
+    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_registry_XXXXXX";
+    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
+    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
+    Dir = Tmpl;
+    ::setenv("VEL_REGISTRY_DIR", (Dir + "/hives").c_str(), 1);
+  }
+  void TearDown() override {
+    ::unsetenv("VEL_REGISTRY_DIR");
+    std::error_code Ec;
+    std::filesystem::remove_all(Dir, Ec);
+  }
+  std::string Dir;
+};
+
+std::string RaiseText(const std::function<void()>& Fn) {
+  try {
+    Fn();
+  } catch (const ERegistryException& E) {
+    return E.Message();
+  }
+  return "(no ERegistryException)";
+}
+
+Bytes Utf16(std::u16string_view S) {
+  Bytes B;
+  for (const char16_t C : S) {
+    B.push_back(uint8_t(C));
+    B.push_back(uint8_t(C >> 8));
+  }
+  B.push_back(0);
+  B.push_back(0);
+  return B;
+}
+
+}  // namespace
+
+// Each typed write stores the bytes Windows holds for it, and reads back.
+TEST_F(Registry, TypedWritesStoreWindowsBytes) {
+  TRegistry R;
+  ASSERT_TRUE(R.OpenKey("Software\\Test", true));
+  struct Case {
+    const char* Name;
+    std::function<void()> Write;
+    TRegValue Expected;
+  };
+  const uint8_t Bin[] = {0, 1, 0xFE, 0xFF};
+  const Case Cases[] = {
+      {"Int", [&] { R.WriteInteger("Int", -2); }, {REG_DWORD, {0xFE, 0xFF, 0xFF, 0xFF}}},
+      {"Big", [&] { R.WriteInteger("Big", 0x12345678); }, {REG_DWORD, {0x78, 0x56, 0x34, 0x12}}},
+      {"True", [&] { R.WriteBool("True", true); }, {REG_DWORD, {1, 0, 0, 0}}},
+      {"Str", [&] { R.WriteString("Str", "Caf\xE9 \x80"); }, {REG_SZ, Utf16(u"Caf\u00E9 \u20AC")}},
+      {"Empty", [&] { R.WriteString("Empty", ""); }, {REG_SZ, {0, 0}}},
+      {"Exp", [&] { R.WriteExpandString("Exp", "%HOME%"); }, {REG_EXPAND_SZ, Utf16(u"%HOME%")}},
+      {"Bin", [&] { R.WriteBinaryData("Bin", Bin, 4); }, {REG_BINARY, {0, 1, 0xFE, 0xFF}}},
+  };
+  for (const Case& C : Cases) {
+    C.Write();
+    TRegValue V;
+    ASSERT_TRUE(R.ReadValue(C.Name, V)) << C.Name;
+    EXPECT_EQ(V, C.Expected) << C.Name;
+  }
+  // A second accessor (its own connection) sees the same values.
+  TRegistry R2(KEY_READ);
+  ASSERT_TRUE(R2.OpenKey("\\SOFTWARE\\test", false));
+  EXPECT_EQ(R2.ReadInteger("int"), -2);
+  EXPECT_EQ(R2.ReadInteger("Big"), 0x12345678);
+  EXPECT_TRUE(R2.ReadBool("TRUE"));
+  EXPECT_EQ(R2.ReadString("Str"), "Caf\xE9 \x80");
+  EXPECT_EQ(R2.ReadString("Exp"), "%HOME%");
+  uint8_t Out[8] = {};
+  EXPECT_EQ(R2.ReadBinaryData("Bin", Out, sizeof Out), 4);
+  EXPECT_EQ(Bytes(Out, Out + 4), Bytes(Bin, Bin + 4));
+  EXPECT_EQ(R2.GetDataType("Exp"), rdExpandString);
+  EXPECT_EQ(R2.GetDataSize("Str"), 14);  // six characters and the NUL
+  EXPECT_EQ(R2.GetDataSize("Missing"), -1);
+}
+
+// The runtime's messages for missing values, wrong types and refused writes.
+TEST_F(Registry, ReadAndWriteErrorsCarryTheRuntimeMessages) {
+  {
+    TRegistry W;
+    ASSERT_TRUE(W.OpenKey("Software\\Errors", true));
+    W.WriteString("One", "A");          // 4 bytes of REG_SZ
+    W.WriteString("Long", "Caption");   // longer than a DWORD
+    W.WriteInteger("Num", 7);
+    const uint8_t B4[] = {1, 2, 3, 4};
+    W.WriteBinaryData("Bin4", B4, 4);
+    W.WriteValue("Q", TRegValue{REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}});
+  }
+  TRegistry R(KEY_READ);
+  ASSERT_TRUE(R.OpenKey("Software\\Errors", false));
+  struct Case {
+    std::function<void()> Fn;
+    const char* Message;
+  };
+  const Case Cases[] = {
+      {[&] { R.ReadInteger("Width"); }, "Failed to get data for 'Width'"},
+      {[&] { R.ReadBool("Visible"); }, "Failed to get data for 'Visible'"},
+      {[&] { R.ReadInteger("One"); }, "Invalid data type for 'One'"},
+      {[&] { R.ReadInteger("Long"); }, "Failed to get data for 'Long'"},
+      {[&] { R.ReadInteger("Bin4"); }, "Invalid data type for 'Bin4'"},
+      {[&] { R.ReadInteger("Q"); }, "Failed to get data for 'Q'"},
+      {[&] { R.ReadString("Num"); }, "Invalid data type for 'Num'"},
+      {[&] { R.ReadString("Bin4"); }, "Invalid data type for 'Bin4'"},
+      {[&] { R.WriteInteger("Num", 1); }, "Failed to set data for 'Num'"},
+      {[&] { R.WriteString("S\xE9", "x"); }, "Failed to set data for 'S\xE9'"},
+  };
+  for (const Case& C : Cases) EXPECT_EQ(RaiseText(C.Fn), C.Message);
+  // A missing string is empty, not an error; the failed write changed nothing.
+  EXPECT_EQ(R.ReadString("Caption"), "");
+  EXPECT_EQ(R.ReadInteger("Num"), 7);
+  // No key open: reads fail as on a closed handle.
+  TRegistry Closed;
+  EXPECT_EQ(RaiseText([&] { Closed.ReadInteger("Num"); }), "Failed to get data for 'Num'");
+  EXPECT_EQ(RaiseText([&] { Closed.WriteInteger("Num", 1); }), "Failed to set data for 'Num'");
+}
+
+// Names compare ignoring case (also beyond ASCII) and keep their first case.
+TEST_F(Registry, NamesIgnoreCaseAndKeepIt) {
+  TRegistry R;
+  ASSERT_TRUE(R.OpenKey("Software\\MyApp\\\xC9t\xE9", true));
+  R.WriteInteger("Width", 1);
+  R.WriteInteger("WIDTH", 2);  // the same value
+  R.WriteString("\xC4nderung", "x");
+  ASSERT_TRUE(R.OpenKey("\\software\\MYAPP\\\xE9T\xC9", false));
+  EXPECT_EQ(R.ReadInteger("width"), 2);
+  EXPECT_TRUE(R.ValueExists("\xE4NDERUNG"));
+  TStringList Names;
+  R.GetValueNames(&Names);
+  ASSERT_EQ(Names.Count(), 2);
+  EXPECT_EQ(Names[0], "Width");
+  EXPECT_EQ(Names[1], "\xC4nderung");
+  EXPECT_EQ(R.ValueNamesUtf8()[1], "\xC3\x84nderung");
+  ASSERT_TRUE(R.OpenKey("\\Software\\myapp", false));
+  R.GetKeyNames(&Names);
+  ASSERT_EQ(Names.Count(), 1);
+  EXPECT_EQ(Names[0], "\xC9t\xE9");
+}
+
+// CurrentPath keeps the key as opened; relative opens append with "\".
+TEST_F(Registry, OpenKeyPathsAndCreation) {
+  TRegistry R;
+  EXPECT_FALSE(R.OpenKey("Software\\Absent", false));
+  EXPECT_EQ(R.CurrentPath(), "");
+  ASSERT_TRUE(R.OpenKey("Software\\X\\", true));
+  EXPECT_EQ(R.CurrentPath(), "Software\\X\\");
+  ASSERT_TRUE(R.OpenKey("Font", true));
+  EXPECT_EQ(R.CurrentPath(), "Software\\X\\\\Font");
+  ASSERT_TRUE(R.OpenKey("\\Software", false));
+  EXPECT_EQ(R.CurrentPath(), "Software");
+  EXPECT_TRUE(R.KeyExists("X\\Font"));
+  EXPECT_TRUE(R.KeyExists("\\Software\\X"));
+  EXPECT_FALSE(R.KeyExists("Font"));
+  EXPECT_TRUE(R.HasSubKeys());
+  R.CloseKey();
+  EXPECT_EQ(R.CurrentPath(), "");
+  EXPECT_FALSE(R.HasCurrentKey());
+  // A root key change closes the key; hives are separate.
+  ASSERT_TRUE(R.OpenKey("Software\\X", false));
+  R.SetRootKey(HKEY_LOCAL_MACHINE);
+  EXPECT_FALSE(R.HasCurrentKey());
+  EXPECT_FALSE(R.KeyExists("Software\\X"));
+  EXPECT_TRUE(R.CreateKey("Software\\Y"));
+  EXPECT_TRUE(std::filesystem::exists(Dir + "/hives/HKEY_LOCAL_MACHINE.db"));
+}
+
+// DeleteKey removes a whole tree and its values; DeleteValue one value.
+TEST_F(Registry, DeleteKeyAndValue) {
+  TRegistry R;
+  ASSERT_TRUE(R.OpenKey("Software\\D\\A\\B", true));
+  R.WriteInteger("V", 1);
+  ASSERT_TRUE(R.OpenKey("\\Software\\D", false));
+  R.WriteInteger("Keep", 1);
+  R.WriteInteger("Drop", 2);
+  EXPECT_TRUE(R.DeleteValue("DROP"));
+  EXPECT_FALSE(R.DeleteValue("Drop"));
+  EXPECT_FALSE(R.ValueExists("Drop"));
+  EXPECT_TRUE(R.DeleteKey("a"));
+  EXPECT_FALSE(R.KeyExists("A\\B"));
+  EXPECT_FALSE(R.DeleteKey("A"));
+  EXPECT_FALSE(R.DeleteKey("\\"));  // a hive's root stays
+  // A recreated key has no leftover values.
+  ASSERT_TRUE(R.OpenKey("\\Software\\D\\A\\B", true));
+  EXPECT_FALSE(R.ValueExists("V"));
+  // Writing to a key that another accessor deleted fails.
+  TRegistry Other;
+  EXPECT_TRUE(Other.DeleteKey("Software\\D\\A"));
+  EXPECT_EQ(RaiseText([&] { R.WriteInteger("V", 1); }), "Failed to set data for 'V'");
+}
+
+// HKEY_CURRENT_USER is private: file 0600 in a folder 0700.
+TEST_F(Registry, CurrentUserHiveIsPrivate) {
+  ::unsetenv("VEL_REGISTRY_DIR");
+  const char* Old = std::getenv("XDG_CONFIG_HOME");
+  const std::string Saved = Old ? Old : "";
+  ::setenv("XDG_CONFIG_HOME", (Dir + "/config").c_str(), 1);
+  struct TRestore {
+    std::string V;
+    bool Had;
+    ~TRestore() { Had ? (void)::setenv("XDG_CONFIG_HOME", V.c_str(), 1) : (void)::unsetenv("XDG_CONFIG_HOME"); }
+  } Restore{Saved, Old != nullptr};
+  {
+    TRegistry R;
+    ASSERT_TRUE(R.OpenKey("Software\\P", true));
+    R.WriteString("S", "secret");
+  }
+  const std::string Folder = Dir + "/config/velmont/registry";
+  EXPECT_EQ(HiveFileName(HKEY_CURRENT_USER), Folder + "/HKEY_CURRENT_USER.db");
+  struct stat St {};
+  ASSERT_EQ(::stat(Folder.c_str(), &St), 0);
+  EXPECT_EQ(St.st_mode & 0777, 0700u);
+  ASSERT_EQ(::stat((Folder + "/HKEY_CURRENT_USER.db").c_str(), &St), 0);
+  EXPECT_EQ(St.st_mode & 0777, 0600u);
+  EXPECT_EQ(HiveFileName(HKEY_LOCAL_MACHINE), "/etc/velmont/registry/HKEY_LOCAL_MACHINE.db");
+}
+
+// A hive that cannot be written is access denied: no create, no write, and
+// no fallback to another place. Run as another user when we are root.
+TEST_F(Registry, UnwritableHiveIsAccessDenied) {
+  {
+    TRegistry Admin;
+    Admin.SetRootKey(HKEY_LOCAL_MACHINE);
+    ASSERT_TRUE(Admin.OpenKey("Software\\Velmont", true));
+    Admin.WriteInteger("Shared", 5);
+  }
+  ASSERT_EQ(::chmod(Dir.c_str(), 0755), 0);
+  const pid_t Pid = ::fork();
+  ASSERT_GE(Pid, 0);
+  if (Pid == 0) {
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(90);
+    if (::geteuid() != 0) {
+      // Without write permission on the folder and file, as another user.
+      if (::access((Dir + "/hives/HKEY_LOCAL_MACHINE.db").c_str(), R_OK) != 0) ::_exit(91);
+    }
+    TRegistry R;
+    R.SetRootKey(HKEY_LOCAL_MACHINE);
+    if (!R.OpenKey("Software\\Velmont", false)) ::_exit(10);
+    if (R.ReadInteger("Shared") != 5) ::_exit(11);
+    if (R.OpenKey("\\Software\\New", true)) ::_exit(12);
+    if (!R.OpenKey("\\Software\\Velmont", false)) ::_exit(13);
+    if (RaiseText([&] { R.WriteInteger("Shared", 6); }) != "Failed to set data for 'Shared'") ::_exit(14);
+    ::_exit(0);
+  }
+  int Status = 0;
+  ASSERT_EQ(::waitpid(Pid, &Status, 0), Pid);
+  ASSERT_TRUE(WIFEXITED(Status));
+  if (WEXITSTATUS(Status) >= 90) GTEST_SKIP() << "cannot run as another user here";
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root to test another user's access";
+  EXPECT_EQ(WEXITSTATUS(Status), 0);
+  TRegistry Check;
+  Check.SetRootKey(HKEY_LOCAL_MACHINE);
+  EXPECT_FALSE(Check.KeyExists("Software\\New"));
+}
+
+// Two processes writing 1,000 values each into one hive at once lose none.
+TEST_F(Registry, TwoProcessesLoseNoWrite) {
+  constexpr int N = 1000;
+  {
+    TRegistry R;  // create the hive before the race
+    ASSERT_TRUE(R.OpenKey("Software\\Race", true));
+  }
+  pid_t Pids[2];
+  for (int P = 0; P < 2; ++P) {
+    Pids[P] = ::fork();
+    ASSERT_GE(Pids[P], 0);
+    if (Pids[P] == 0) {
+      int Code = 0;
+      try {
+        TRegistry R;
+        if (!R.OpenKey("Software\\Race", false)) ::_exit(3);
+        for (int I = 0; I < N; ++I) R.WriteInteger("P" + std::to_string(P) + "_" + std::to_string(I), I);
+      } catch (...) {
+        Code = 4;
+      }
+      ::_exit(Code);
+    }
+  }
+  for (const pid_t Pid : Pids) {
+    int Status = 0;
+    ASSERT_EQ(::waitpid(Pid, &Status, 0), Pid);
+    ASSERT_TRUE(WIFEXITED(Status));
+    EXPECT_EQ(WEXITSTATUS(Status), 0);
+  }
+  TRegistry R(KEY_READ);
+  ASSERT_TRUE(R.OpenKey("Software\\Race", false));
+  TStringList Names;
+  R.GetValueNames(&Names);
+  EXPECT_EQ(Names.Count(), 2 * N);
+  for (int P = 0; P < 2; ++P)
+    for (int I = 0; I < N; I += 97) EXPECT_EQ(R.ReadInteger("P" + std::to_string(P) + "_" + std::to_string(I)), I);
+}
+
+TEST(RegistryNames, HiveNamesAndShortForms) {
+  struct Case {
+    const char* Text;
+    HKEY Key;
+  };
+  const Case Cases[] = {{"HKEY_CURRENT_USER", HKEY_CURRENT_USER}, {"hkcu", HKEY_CURRENT_USER},
+                        {"HKLM", HKEY_LOCAL_MACHINE},             {"HKEY_USERS", HKEY_USERS},
+                        {"HKCR", HKEY_CLASSES_ROOT},              {"HKCC", HKEY_CURRENT_CONFIG}};
+  for (const Case& C : Cases) {
+    HKEY K = 0;
+    ASSERT_TRUE(RootKeyFromName(C.Text, K)) << C.Text;
+    EXPECT_EQ(K, C.Key) << C.Text;
+  }
+  HKEY K = 0;
+  EXPECT_FALSE(RootKeyFromName("HKEY_NOWHERE", K));
+  EXPECT_EQ(RootKeyName(HKEY_LOCAL_MACHINE), "HKEY_LOCAL_MACHINE");
+  EXPECT_EQ(RootKeyName(0x12345678u), "");
+}
