@@ -20,6 +20,7 @@
 // one thread at a time.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -30,6 +31,7 @@
 #include "vel/rtl/Persistent.h"
 #include "vel/rtl/StringLists.h"
 #include "vel/rtl/SyncObjs.h"
+#include "vel/rtl/TypInfo.h"
 
 namespace vel {
 
@@ -360,6 +362,132 @@ class VEL_API TMemoryMapFile : public TObject {
   int FFileHandle = -1;
   int FMapHandle = -1;
   void* FData = nullptr;
+};
+
+// ---------------------------------------------------------------------------
+// Version and package information
+//
+// TVersionInfo reads a file's version resource (PE files and the Linux
+// packages' resource section, through the runtime's version calls) and gives
+// the ten standard strings of its first translation entry as published
+// properties and as "Key=Value" lines. TPackageInfo adds a package's
+// description, usage and unit lists. One object belongs to one thread at a
+// time.
+
+VEL_EXCEPTION(EVersionInfoError, Exception);
+VEL_EXCEPTION(EPackageInfoError, Exception);
+
+inline constexpr const char* SNoVersionInfo = "No Version Info Available For %s.";
+inline constexpr const char* SCannotObtainVersionInfo = "Cannot obtain version info for %s.";
+inline constexpr const char* SNoTranslationInfo = "Cannot Obtain Language Translation Info for %s.";
+inline constexpr const char* SNoFixedFileInfo = "Unable to Read Fixed File Info of %s.";
+inline constexpr const char* SNotDelphiPackage = "%s is not a valid Delphi Package";
+inline constexpr const char* SPackageDescription = "PackageDescription";
+inline constexpr const char* SPackageUsage = "PackageUsage";
+inline constexpr const char* SContains = "Contains";
+inline constexpr const char* SRequires = "Requires";
+
+enum TVersionLabel : uint8_t {
+  vlCompanyName,
+  vlFileDescription,
+  vlFileVersion,
+  vlInternalName,
+  vlLegalCopyright,
+  vlLegalTrademarks,
+  vlOriginalFilename,
+  vlProductName,
+  vlProductVersion,
+  vlComments
+};
+inline constexpr int VersionLabelCount = 10;
+using TVersionItems = std::array<std::string, VersionLabelCount>;
+// The resource keys of the labels, in label order.
+extern VEL_API const char* const VERSION_LABELS[VersionLabelCount];
+
+enum TPackageUsage : uint8_t { puNone, puDesignTime, puRunTime, puDesignAndRunTime };
+VEL_ENUM(TPackageUsage, "puNone", "puDesignTime", "puRunTime", "puDesignAndRunTime")
+// "", "Design Time", "Run Time", "Design And Run Time".
+extern VEL_API const char* const PackageUsageText[4];
+
+class VEL_API TVersionInfo : public TComponent {
+  VEL_CLASS(TVersionInfo, TComponent)
+ public:
+  explicit TVersionInfo(TComponent* AOwner = nullptr);
+  ~TVersionInfo() override;
+
+  // Reads FileName's version resource and returns Items (owned by this
+  // object). Raises EVersionInfoError with SNoVersionInfo,
+  // SCannotObtainVersionInfo, SNoTranslationInfo or SNoFixedFileInfo. On an
+  // error FileName keeps the new name, Items and Values their old content.
+  virtual TStrings* GetVersionInfo(const std::string& FileName);
+
+  const std::string& FileName() const { return FFileName; }
+  // Reads the file when Value differs (exactly) from FileName.
+  void SetFileName(const std::string& Value);
+  const std::string& GetVersionItem(TVersionLabel Index) const { return FValues[Index]; }
+  const TVersionItems& Values() const { return FValues; }
+  TStringList* Items() const { return FItems; }
+
+  const std::string& CompanyName() const { return FValues[vlCompanyName]; }
+  const std::string& FileDescription() const { return FValues[vlFileDescription]; }
+  const std::string& FileVersion() const { return FValues[vlFileVersion]; }
+  const std::string& InternalName() const { return FValues[vlInternalName]; }
+  const std::string& LegalCopyright() const { return FValues[vlLegalCopyright]; }
+  const std::string& LegalTrademarks() const { return FValues[vlLegalTrademarks]; }
+  const std::string& OriginalFilename() const { return FValues[vlOriginalFilename]; }
+  const std::string& ProductName() const { return FValues[vlProductName]; }
+  const std::string& ProductVersion() const { return FValues[vlProductVersion]; }
+  const std::string& Comments() const { return FValues[vlComments]; }
+
+  uint32_t Handle() const { return FHandle; }
+  int32_t Size() const { return FSize; }
+  const std::string& Buffer() const { return FBuffer; }
+  // The first translation entry (language in the low 16 bits, code page in
+  // the high 16 bits) and the 52-byte fixed file information, in Buffer.
+  const void* Translation() const { return FTranslation; }
+  const void* FixedFileInfo() const { return FFixedFileInfo; }
+
+ protected:
+  virtual void ReadFileVersionInfo();
+  virtual void ReadFixedFileInfo();
+
+ private:
+  uint32_t FHandle = 0;
+  int32_t FSize = 0;
+  std::string FBuffer;
+  const void* FTranslation = nullptr;
+  const void* FFixedFileInfo = nullptr;
+  std::string FFileName;
+  TVersionItems FValues;
+  TStringList* FItems;
+};
+
+class VEL_API TPackageInfo : public TVersionInfo {
+  VEL_CLASS(TPackageInfo, TVersionInfo)
+ public:
+  explicit TPackageInfo(TComponent* AOwner = nullptr);
+  ~TPackageInfo() override;
+
+  // Refuses names whose extension is not exactly ".bpl" or ".dpl"
+  // (EPackageInfoError SNotDelphiPackage), then reads the version resource.
+  TStrings* GetVersionInfo(const std::string& FileName) override;
+  // The version lines, then the description line and, with LoadDetails,
+  // the usage, Contains and Requires lines.
+  TStrings* LookupPackageInfo(const std::string& FileName, bool LoadDetails);
+  void PackageDetails(const std::string& FileName, TStrings*& Info, bool LoadDetails);
+
+  const std::string& PackageDescription() const { return FPackageDescription; }
+  TPackageUsage PackageUsage() const { return FPackageUsage; }
+  TStringList* ContainsUnits() const { return FContainsUnits; }
+  TStringList* RequiresPackages() const { return FRequiresPackages; }
+  void SetContains(TStringList* Value) { FContainsUnits->Assign(Value); }
+  void SetRequires(TStringList* Value) { FRequiresPackages->Assign(Value); }
+
+ private:
+  std::string FPackageDescription;
+  TPackageUsage FPackageUsage = puNone;
+  TStringList* FContainsUnits;
+  TStringList* FRequiresPackages;
 };
 
 }  // namespace vel

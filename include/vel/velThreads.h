@@ -20,7 +20,8 @@
 // ID, the main thread frees it when the answer arrives. Workers never touch
 // the request list.
 //
-// Shutdown: ReleaseThreadManager() (run when the library is unloaded)
+// Shutdown: ReleaseThreadManager() (the velThreads unit's finalisation, run
+// when the library is unloaded or its Finalize is called)
 // releases the singleton; when that was the last reference the manager
 // terminates every registered thread, wakes message-queue threads with the
 // quit message and waits until every thread it ever registered has ended.

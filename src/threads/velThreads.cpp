@@ -28,12 +28,6 @@ TSingleton& Singleton() {
 // False only while ThreadManager() constructs the manager on this thread.
 thread_local bool tlsCreationGuard = true;
 
-// Releases the singleton when the library is unloaded (or the process
-// exits), terminating and joining the threads still registered.
-struct TFinalization {
-  ~TFinalization() { ReleaseThreadManager(); }
-} Finalization;
-
 }  // namespace
 
 HRESULT TakeRequestInterface(TRequestRecord* Request, void** Obj) {

@@ -47,13 +47,6 @@ int main(int argc, char** argv) {
   App.require_subcommand(1);
   App.set_version_flag("--version", std::string(VEL_VERSION_STRING));
 
-  auto* Version = App.add_subcommand("version", "print the library version, or a file's version resource");
-  // A file argument is taken by the version-resource command when that is
-  // built; without one the command prints the library's version.
-  Version->callback([] {
-    std::printf("vel %s (libvelclasses %s)\n", VEL_VERSION_STRING, vel::LibraryVersion());
-  });
-
   // Subcommands in name order, whatever order their files were linked in.
   std::vector<TEntry> Sorted = Entries();
   std::sort(Sorted.begin(), Sorted.end(),

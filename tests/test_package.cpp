@@ -1,0 +1,109 @@
+// The library as a package: its unit table, the order of initialisations
+// and finalisations, the singletons freed at finalisation, and the unit
+// table machinery plug-ins use.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "vel/VelClassesLib.h"
+#include "vel/velThreads.h"
+#include "vel/rtl/System.h"
+
+using namespace vel;
+
+namespace {
+
+std::vector<std::string> gTrace;
+
+void Record(const TPackageInfoTable*, const char* Unit, bool Init) {
+  gTrace.push_back(std::string(Init ? "+" : "-") + Unit);
+}
+
+const std::vector<std::string> LibraryOrder = {
+    "ExtendedClasses", "ExtendedInterfaces", "StreamClasses", "velInterfaces",
+    "IntfClasses",     "velIntfClasses",     "ThrdObjLst",    "ExStreams",
+    "velThreads",      "ThreadClasses",      "velStreamRecover", "velVersionInfo"};
+
+TEST(PackageEntry, UnitTableListsTheUnitsInOrder) {
+  const TPackageInfoTable* T = GetPackageInfoTable();
+  ASSERT_NE(T, nullptr);
+  std::vector<std::string> Names;
+  for (int32_t I = 0; I < T->UnitCount; ++I) Names.push_back(T->UnitInfo[I].Name);
+  EXPECT_EQ(Names, LibraryOrder);
+  // Loading the library initialised it once.
+  EXPECT_EQ(LibraryUnits().InitCount(), 1);
+}
+
+TEST(PackageEntry, FinalizeFreesSingletonsAndInitializeStartsAfresh) {
+  IPtr<IThreadManager> First = ThreadManager();
+  ASSERT_TRUE(First);
+  First = nullptr;
+  ASSERT_TRUE(CurrentThreadManager());
+
+  SetUnitObserver(&Record);
+  Initialize();  // nested: runs nothing
+  Finalize();
+  EXPECT_TRUE(gTrace.empty());
+  Finalize();  // the load's own initialisation ends here
+  std::vector<std::string> Want;
+  for (auto It = LibraryOrder.rbegin(); It != LibraryOrder.rend(); ++It) Want.push_back("-" + *It);
+  EXPECT_EQ(gTrace, Want);
+  EXPECT_FALSE(CurrentThreadManager());
+  Finalize();  // unmatched: nothing
+  EXPECT_EQ(gTrace.size(), Want.size());
+
+  gTrace.clear();
+  Initialize();
+  Want.clear();
+  for (const auto& U : LibraryOrder) Want.push_back("+" + U);
+  EXPECT_EQ(gTrace, Want);
+  EXPECT_TRUE(ThreadManager());  // re-created on demand
+  SetUnitObserver(nullptr);
+}
+
+std::vector<std::string> gCalls;
+void InitA() { gCalls.push_back("+A"); }
+void DoneA() { gCalls.push_back("-A"); }
+void InitB() { gCalls.push_back("+B"); }
+void DoneB() {
+  gCalls.push_back("-B");
+  throw Exception("B failed");
+}
+void InitC() {
+  gCalls.push_back("+C");
+  throw Exception("C failed");
+}
+void DoneC() { gCalls.push_back("-C"); }
+void DoneD() { gCalls.push_back("-D"); }
+
+TEST(PackageEntry, FailuresUnwindWhatWasInitialised) {
+  // An initialisation that raises: the units before it are finalised in
+  // reverse (B's failure does not stop A's), the first error passes on.
+  const TPackageUnitEntry Units[] = {
+      {"A", &InitA, &DoneA}, {"B", &InitB, &DoneB}, {"C", &InitC, &DoneC}, {"D", nullptr, &DoneD}};
+  TUnitTable T(Units, 4);
+  try {
+    T.Initialize();
+    FAIL();
+  } catch (const Exception& E) {
+    EXPECT_STREQ(E.what(), "C failed");
+  }
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"+A", "+B", "+C", "-B", "-A"}));
+  EXPECT_EQ(T.InitCount(), 0);
+
+  // A finalisation that raises does not stop the others.
+  const TPackageUnitEntry Ok[] = {{"A", &InitA, &DoneA}, {"B", &InitB, &DoneB}, {"D", nullptr, &DoneD}};
+  TUnitTable U(Ok, 3);
+  gCalls.clear();
+  U.Initialize();
+  try {
+    U.Finalize();
+    FAIL();
+  } catch (const Exception& E) {
+    EXPECT_STREQ(E.what(), "B failed");
+  }
+  EXPECT_EQ(gCalls, (std::vector<std::string>{"+A", "+B", "-D", "-B", "-A"}));
+}
+
+}  // namespace
