@@ -3,6 +3,8 @@
 // Loaded, references between components, and damaged input.
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include <algorithm>
 #include <cmath>
 #include <string>
@@ -697,6 +699,34 @@ TEST(FilerErrors, MessagesOfTheRuntime) {
   Str(Item, "Bogus");
   Append(Item, {vaInt8, 1, 0, 0, 0, 0});
   EXPECT_EQ(ReadError(Item), "EReadError: Error reading TColItem.Bogus: Property Bogus does not exist");
+}
+
+// Names taken from a damaged file reach the message with each control byte
+// written as #n, so what() holds the whole message and nothing in it
+// steers a terminal.
+TEST(FilerErrors, NamesFromTheFileAreQuotedWithControlBytesEscaped) {
+  using namespace std::string_view_literals;
+  Bytes Class = Header("TNo\0Such\x1b[2J"sv, "R");
+  Append(Class, {0, 0});
+  Bytes Name = Header("TBare", "R\x01\r\n"sv);
+  Append(Name, {0, 0});
+  const struct {
+    Bytes Data;
+    std::string Expected;
+  } Cases[] = {
+      {Class, "Class TNo#0Such#27[2J not found"},
+      {Name, "'R#1#13#10' is not a valid component name"},
+      {OneProp("N\0pe\x7f"sv, {vaInt8, 1}), "Error reading R.N#0pe#127: Property N#0pe#127 does not exist"},
+  };
+  for (const auto& C : Cases) {
+    try {
+      std::unique_ptr<TComponent> Got(Load(C.Data));
+      ADD_FAILURE() << "no error for " << C.Expected;
+    } catch (const Exception& E) {
+      EXPECT_EQ(std::string(E.what()), C.Expected);
+      EXPECT_EQ(std::strlen(E.what()), E.Message().size());
+    }
+  }
 }
 
 TEST(FilerErrors, DamagedLengthsFailWithoutHugeAllocations) {

@@ -491,9 +491,10 @@ TEST(BinaryStreamer, ReaderErrorsFromBuiltStreams) {
   // Only the signature.
   EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").B); }),
             "EStreamPropError: Stream property error, begin of list not found");
-  // An unknown property: the message names the entry after it.
+  // An unknown property: the message names the entry after it (here the
+  // value's bytes read as a name: its control byte is escaped).
   EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").begin().str("Z").i8(1).end().B); }),
-            "EStreamPropError: Unable to property info for \x02");
+            "EStreamPropError: Unable to property info for #2");
   // Size tags out of range.
   EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").begin().str("X").u8(3).u8(0).end().B); }),
             "EStreamPropError: Integer out of bounds (8, 16, 32 bit)");

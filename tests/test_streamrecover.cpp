@@ -357,6 +357,17 @@ TEST(StreamRecover, CreatesRegisteredComponents) {
   } catch (const EClassNotFound& E) {
     EXPECT_STREQ(E.what(), "Class TNope not found");
   }
+  // A damaged class name is quoted with its control bytes escaped.
+  Bytes Garbled{'T', 'P', 'F', '0'};
+  Str(Garbled, std::string_view("TN\0pe\x1b[2J", 9));
+  Str(Garbled, "X");
+  TReadOnlyMemoryStream G(Garbled.data(), static_cast<int64_t>(Garbled.size()));
+  try {
+    RecoverComponentFromStream(&G);
+    FAIL();
+  } catch (const EClassNotFound& E) {
+    EXPECT_STREQ(E.what(), "Class TN#0pe#27[2J not found");
+  }
   const uint8_t Short[] = {'T', 'P', 'F'};
   TReadOnlyMemoryStream Sh(Short, 3);
   EXPECT_THROW(RecoverComponentFromStream(&Sh), EReadError);

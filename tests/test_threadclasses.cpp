@@ -201,6 +201,31 @@ class TWorker : public TMsgQueThread {
   std::vector<int32_t> Held;
 };
 
+// A managed thread of the runtime's kind: its queue appears only with its
+// first GetMessage. Answers data requests like TWorker.
+class TPlainLoopThread : public TBaseThread {
+  VEL_CLASS(TPlainLoopThread, TBaseThread)
+ public:
+  TPlainLoopThread() : TBaseThread(true) {}
+  ~TPlainLoopThread() override {
+    Terminate();
+    Resume();
+    while (!WaitFor(10)) PostThreadMessage(ThreadID(), WM_QUIT, 0, 0);
+  }
+
+ protected:
+  void Execute() override {
+    TMsg Msg;
+    while (GetMessage(&Msg, 0, 0, 0) > 0) {
+      if (Msg.message != WM_DATAREQUEST) continue;
+      auto* R = reinterpret_cast<TRequestRecord*>(Msg.wParam);
+      IPtr<IStringsAdapter> Target;
+      if (TakeRequestInterface(R, Target.Out()) == S_OK) Target->Append(R->Data + " done");
+      NotifyMgr(WM_COMPLETEDREQUEST, static_cast<WPARAM>(R->ID), 0);
+    }
+  }
+};
+
 // Counts its destruction.
 class TCountedTask : public TTaskThread {
   VEL_CLASS(TCountedTask, TTaskThread)
@@ -274,6 +299,7 @@ VEL_IMPLEMENT(TWorker, message<&TWorker::WMWork>(WM_WORK),
               message<&TWorker::WMFailWork>(WM_FAILWORK),
               message<&TWorker::WMDataRequest>(WM_DATAREQUEST))
 VEL_IMPLEMENT(TCountedTask)
+VEL_IMPLEMENT(TPlainLoopThread)
 VEL_IMPLEMENT(TThreadWatcher)
 VEL_IMPLEMENT(TWindowReceiver, message<&TWindowReceiver::WMWork>(WM_WORK))
 VEL_IMPLEMENT(TStringsAdapter)
@@ -375,9 +401,7 @@ TEST(MsgQueThread, StatusThroughItsLifeAndEventsAroundEachMessage) {
   T->Resume();
   ASSERT_TRUE(PumpUntil([&] { return T->Status() == TThreadStatus{tsExecuting, tsIdle}; }));
 
-  // Idle is set just before the first wait makes the queue: posts may be
-  // refused until then.
-  ASSERT_TRUE(PumpUntil([&] { return PostThreadMessage(T->ThreadID(), WM_WORK, 21, 0); }));
+  ASSERT_TRUE(PostThreadMessage(T->ThreadID(), WM_WORK, 21, 0));
   ASSERT_TRUE(PostThreadMessage(T->ThreadID(), WM_NOHANDLER, 0, 0));
   ASSERT_TRUE(PumpUntil([&] { return Rec.Events.size() == 4; }));
   EXPECT_EQ(Rec.Events, (std::vector<std::string>{"received 10", "processed 10", "received 12",
@@ -417,6 +441,34 @@ TEST(MsgQueThread, AFailingMessageIsReportedAndTheNextOneServed) {
   ASSERT_TRUE(PumpUntil([&] { return T->Worked == 1; }));
   EXPECT_EQ(Rec.Errors, std::vector<std::string>{"cannot work"});
   delete T;  // posts the quit message and waits
+}
+
+// The queue exists once the constructor returns, running or suspended:
+// posts made at once are all served, in order. A plain thread keeps the
+// runtime's rule (no queue until it asks for messages), and a worker freed
+// before it ever ran leaves no queue behind.
+TEST(MsgQueThread, TakesPostsAsSoonAsItsConstructorReturns) {
+  for (bool Suspended : {false, true}) {
+    SCOPED_TRACE(Suspended ? "created suspended" : "created running");
+    auto* T = new TWorker(Suspended);
+    for (WPARAM I = 1; I <= 50; ++I) ASSERT_TRUE(PostThreadMessage(T->ThreadID(), WM_WORK, I, 0));
+    if (Suspended) {
+      Sleep(20);
+      EXPECT_EQ(T->Worked, 0);
+      T->Resume();
+    }
+    ASSERT_TRUE(PumpUntil([&] { return T->Worked == 50; }));
+    EXPECT_EQ(T->CurrentMsg().wParam, 50u);  // the last one posted was served last
+    delete T;
+  }
+
+  auto* Never = new TWorker(true);
+  const DWORD Tid = Never->ThreadID();
+  ASSERT_TRUE(PostThreadMessage(Tid, WM_WORK, 1, 0));
+  delete Never;
+  SetLastError(0);
+  EXPECT_FALSE(PostThreadMessage(Tid, WM_WORK, 1, 0));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
 }
 
 // ---------------------------------------------------------------------------
@@ -664,10 +716,12 @@ TEST_F(ThreadManagerTest, UnknownAnswersAreIgnored) {
 
 TEST_F(ThreadManagerTest, PostsAreRetriedUntilTheWorkersQueueExists) {
   TThreadManager* M = Manager();
-  auto* W = new TWorker(true);
+  auto* W = new TPlainLoopThread;
   const DWORD Tid = W->ThreadID();
   // No queue yet: a plain post fails.
+  SetLastError(0);
   ASSERT_FALSE(PostThreadMessage(Tid, WM_NULL, 0, 0));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
   std::thread Starter([W] {
     Sleep(30);
     W->Resume();

@@ -181,8 +181,10 @@ using TThreadMsgEvent = TEvent<void(TObject* Sender, TMsg& Msg)>;
 // Status: {tsExecuting, tsIdle} while waiting for a message, {tsExecuting,
 // tsBusy} from taking one until the next wait.
 //
-// Messages posted before the thread's queue exists (until its first wait)
-// are refused: posters retry (SendDataRequest does).
+// The thread's queue exists when the constructor returns, also for a
+// thread created suspended: messages posted from then on are kept and
+// served in order once the thread runs. (A plain TThread gets its queue
+// only when it first asks for messages; posts before that fail.)
 class VEL_API TMsgQueThread : public ThreadClasses::TNotifyThread {
   VEL_CLASS(TMsgQueThread, ThreadClasses::TNotifyThread)
  public:

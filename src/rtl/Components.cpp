@@ -93,7 +93,7 @@ TComponent* TComponent::FindComponent(std::string_view AName) const {
 void TComponent::SetName(const std::string& NewName) {
   if (FName == NewName) return;
   if (!NewName.empty() && !IsValidIdent(NewName))
-    throw EComponentError(Format(SInvalidName, {NewName}));
+    throw EComponentError(Format(SInvalidName, {EscapeControlChars(NewName)}));
   if (FOwner) FOwner->ValidateRename(this, FName, NewName);
   else ValidateRename(nullptr, FName, NewName);
   FName = NewName;
@@ -104,7 +104,7 @@ void TComponent::ValidateRename(TComponent* AComponent, const std::string& CurNa
   if (AComponent && !SameText(CurName, NewName)) {
     TComponent* Existing = FindComponent(NewName);
     if (Existing && Existing != AComponent)
-      throw EComponentError(Format(SDuplicateName, {NewName}));
+      throw EComponentError(Format(SDuplicateName, {EscapeControlChars(NewName)}));
   }
 }
 

@@ -279,12 +279,16 @@ TQueue* CurrentQueue() {
     std::lock_guard<std::mutex> L(Q->M);
     Q->Open = true;
   } else {
-    auto New = std::make_shared<TQueue>();
-    New->ThreadId = CurrentTid();
-    New->Open = true;
-    Q = New.get();
+    // A queue made for this thread by its creator (detail::CreateThreadQueue)
+    // is taken over; messages already posted to it stay in order.
     std::unique_lock<std::shared_mutex> L(Reg().Lock);
-    Reg().Queues[Q->ThreadId] = std::move(New);
+    std::shared_ptr<TQueue>& Slot = Reg().Queues[CurrentTid()];
+    if (!Slot) {
+      Slot = std::make_shared<TQueue>();
+      Slot->ThreadId = CurrentTid();
+      Slot->Open = true;
+    }
+    Q = Slot.get();
   }
   tlsQueue.Q = Q;
   return Q;
@@ -918,9 +922,38 @@ int MainThreadWakeupFd() {
 
 void detail::ReleaseThreadQueue() {
   TQueue* Q = tlsQueue.Q;
-  if (!Q || Q->IsMain) return;
+  if (!Q) {
+    // A queue made by the creator that this thread never asked for.
+    // Only this thread removes its own entry, so Q stays valid once the
+    // lock is let go.
+    if (CurrentTid() == MainThreadID()) return;
+    std::shared_lock<std::shared_mutex> L(Reg().Lock);
+    auto It = Reg().Queues.find(CurrentTid());
+    if (It == Reg().Queues.end()) return;
+    Q = It->second.get();
+  }
+  if (Q->IsMain) return;
   tlsQueue.Q = nullptr;
   DestroyQueue(Q);
+}
+
+bool detail::CreateThreadQueue(DWORD ThreadId) {
+  if (ThreadId == 0) {
+    tlsLastError = ERROR_INVALID_THREAD_ID;
+    return false;
+  }
+  if (ThreadId == MainThreadID()) {
+    OpenMainQueue();
+    return true;
+  }
+  std::unique_lock<std::shared_mutex> L(Reg().Lock);
+  std::shared_ptr<TQueue>& Slot = Reg().Queues[ThreadId];
+  if (!Slot) {
+    Slot = std::make_shared<TQueue>();
+    Slot->ThreadId = ThreadId;
+    Slot->Open = true;
+  }
+  return true;
 }
 
 // ---------------------------------------------------------------------------

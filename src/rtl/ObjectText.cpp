@@ -391,8 +391,9 @@ class TParser {
   char FloatType() const { return FFloatType; }
   int Line() const { return FLine; }
 
+  // Msg may quote the text being parsed: its control bytes are escaped.
   [[noreturn]] void Error(const std::string& Msg) const {
-    throw EParserError(Format(SParseError, {Msg, FTokenLine}));
+    throw EParserError(Format(SParseError, {EscapeControlChars(Msg), FTokenLine}));
   }
 
   void CheckToken(int T) const {

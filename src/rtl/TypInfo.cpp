@@ -58,7 +58,7 @@ TTypeInfo* NewFloat(const char* Name, TFloatType F) {
 
 PPropInfo Require(const TObject* Obj, std::string_view Name) {
   PPropInfo P = GetPropInfo(Obj, Name);
-  if (!P) throw EPropertyError(Format(SUnknownProperty, {std::string(Name)}));
+  if (!P) throw EPropertyError(Format(SUnknownProperty, {EscapeControlChars(Name)}));
   return P;
 }
 
@@ -500,7 +500,7 @@ int32_t StringToSet(PPropInfo Info, std::string_view Value) {
     std::string_view Name = Value.substr(Start, P - Start);
     if (!Name.empty()) {
       int E = GetEnumValue(Comp, Name);
-      if (E < 0 || E > 31) throw EPropertyConvertError(Format(SInvalidPropertyElement, {std::string(Name)}));
+      if (E < 0 || E > 31) throw EPropertyConvertError(Format(SInvalidPropertyElement, {EscapeControlChars(Name)}));
       Bits |= 1u << E;
     }
     while (Blank(P)) ++P;
@@ -509,7 +509,7 @@ int32_t StringToSet(PPropInfo Info, std::string_view Value) {
       ++P;
       continue;
     }
-    throw EPropertyConvertError(Format(SInvalidPropertyElement, {std::string(Value.substr(P))}));
+    throw EPropertyConvertError(Format(SInvalidPropertyElement, {EscapeControlChars(Value.substr(P))}));
   }
   return static_cast<int32_t>(Bits);
 }
@@ -564,7 +564,7 @@ void SetPropValue(TObject* Obj, std::string_view PropName, const Variant& Value)
     case tkEnumeration:
       if (VarType(Value) == varString || VarType(Value) == varOleStr) {
         int E = GetEnumValue(Info->PropType, Value.AsString());
-        if (E < 0) throw EPropertyConvertError(Format(SInvalidPropertyElement, {Value.AsString()}));
+        if (E < 0) throw EPropertyConvertError(Format(SInvalidPropertyElement, {EscapeControlChars(Value.AsString())}));
         SetOrdProp(Obj, Info, E);
       } else if (VarType(Value) == varBoolean) {
         SetOrdProp(Obj, Info, Value.AsBoolean() ? 1 : 0);
@@ -672,7 +672,7 @@ TClass GetClass(std::string_view Name) {
 
 TClass FindClass(std::string_view Name) {
   TClass C = GetClass(Name);
-  if (!C) throw EClassNotFound(Format(SClassNotFound, {std::string(Name)}));
+  if (!C) throw EClassNotFound(Format(SClassNotFound, {EscapeControlChars(Name)}));
   return C;
 }
 

@@ -447,7 +447,7 @@ void TCustomStreamer::ReadProperties(TObject* Obj) {
     if (!Info) Info = GetPropInfo(Obj, Name);
     if (!Info) {
       std::string Next = ReadPropName();
-      throw EStreamPropError(Format(SUnknownPropInfo, {Next}));
+      throw EStreamPropError(Format(SUnknownPropInfo, {EscapeControlChars(Next)}));
     }
     if (FExactBinary) ReadPropertyBinary(Obj, Info);
     else ReadProperty(Obj, Info);

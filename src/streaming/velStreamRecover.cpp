@@ -534,7 +534,7 @@ TComponent* TStreamRecover::CreateComponent() {
   const std::string ClassName = ReadStr();
   TClass C = GetClass(ClassName);
   if (!C || !C->InheritsFrom(TComponent::StaticClass()))
-    throw EClassNotFound(Format(SClassNotFound, {ClassName}));
+    throw EClassNotFound(Format(SClassNotFound, {EscapeControlChars(ClassName)}));
   auto* Result = static_cast<TComponent*>(C->CreateWith(nullptr));
   const std::string Name = ReadStr();
   try {

@@ -181,6 +181,9 @@ ThreadClasses::TNotifyThread::~TNotifyThread() = default;
 
 TMsgQueThread::TMsgQueThread(TComponent* AOwner, bool CreateSuspended, bool FreeOnTerminate)
     : ThreadClasses::TNotifyThread(AOwner, true, FreeOnTerminate) {
+  // The worker's queue is made here, while the worker is still suspended,
+  // so that posts made as soon as this constructor returns are kept.
+  detail::CreateThreadQueue(ThreadID());
   if (!CreateSuspended) Resume();
 }
 

@@ -7,6 +7,8 @@
 // messages (GetMessage, PeekMessage, WaitMessage) or creates a window
 // (AllocateHWnd). Until then PostThreadMessage to it fails and returns
 // false, as on the platform; callers that race with a thread's start retry.
+// A message-queue thread (TMsgQueThread) has its queue made by its creator,
+// so it takes posts as soon as its constructor returns.
 // A queue goes away with its thread, together with the thread's windows;
 // what was still queued is dropped. Posted messages are delivered in the
 // order they were posted to one queue.
@@ -248,6 +250,13 @@ namespace detail {
 // exit (TThread does this before it reports itself finished, so posts to a
 // finished thread fail at once). Nothing on the main thread.
 VEL_API void ReleaseThreadQueue();
+// Gives the thread ThreadId its message queue now, before that thread asks
+// for messages, so that posts to it succeed from this call on; the thread
+// takes the queue over on its first GetMessage or PeekMessage. Only for a
+// thread that is alive and ends through library code that releases the
+// queue (TThread does): TMsgQueThread makes its worker's queue this way
+// before its constructor returns. False (ERROR_INVALID_THREAD_ID) for 0.
+VEL_API bool CreateThreadQueue(DWORD ThreadId);
 }  // namespace detail
 
 // ---------------------------------------------------------------------------

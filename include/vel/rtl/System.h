@@ -378,13 +378,41 @@ inline void FreeAndNil(T*& Obj) {
 
 }  // namespace vel
 
+namespace vel::detail {
+// A member of no size in every class declared with VEL_CLASS. Building the
+// class's constructor instantiates Ref, which the compiler must emit and
+// which holds the address of T's VEL_PUBLISHED_or_VEL_IMPLEMENT_missing,
+// defined only by those two macros. So a class whose macro was forgotten
+// fails to link with a message naming them ("undefined reference to
+// `T::VEL_PUBLISHED_or_VEL_IMPLEMENT_missing()'"), besides the linker's
+// "undefined reference to `vtable for T'". No code runs for it.
+template <class T>
+struct TImplementedCheck {
+  [[gnu::used]] static inline void (*const Ref)() = &T::VEL_PUBLISHED_or_VEL_IMPLEMENT_missing;
+  constexpr TImplementedCheck() noexcept { (void)&Ref; }
+};
+}  // namespace vel::detail
+
 // Declares the class-reference members of class T derived from P. Place it
 // first in the class body; the definitions come from VEL_PUBLISHED or
-// VEL_IMPLEMENT (TypInfo.h) in one source file.
-#define VEL_CLASS(T, P)                          \
- public:                                         \
-  using inherited = P;                           \
-  static ::vel::TClass StaticClass();            \
-  ::vel::TClass ClassType() const override;      \
-                                                 \
- private:
+// VEL_IMPLEMENT (TypInfo.h, which this header brings in) in one source
+// file. VEL_CLASS leaves the members that follow it private: start the
+// class's own members with "public:".
+#define VEL_CLASS(T, P)                                                          \
+ public:                                                                         \
+  using inherited = P;                                                           \
+  static ::vel::TClass StaticClass();                                            \
+  ::vel::TClass ClassType() const override;                                      \
+  /* Defined by VEL_PUBLISHED and VEL_IMPLEMENT; see TImplementedCheck. */      \
+  static void VEL_PUBLISHED_or_VEL_IMPLEMENT_missing();                          \
+                                                                                 \
+ private:                                                                        \
+  [[no_unique_address]] ::vel::detail::TImplementedCheck<T> VelImplementedCheck_;
+
+// VEL_PUBLISHED and VEL_IMPLEMENT come with VEL_CLASS: a header that
+// declares a class brings what its source file needs to define it.
+// (TypInfo.h needs Variants.h complete; when Variants.h is being read
+// first, it includes TypInfo.h at its own end instead.)
+#ifndef VEL_RTL_VARIANTS_PENDING
+#include "vel/rtl/TypInfo.h"
+#endif

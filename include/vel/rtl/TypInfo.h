@@ -858,7 +858,8 @@ void BuildClass(TMetaClass* M, const char* Name, bool Published, Items&&... It) 
       ::vel::detail::BuildClass<T>(Meta, #T, PUBLISHED __VA_OPT__(, ) __VA_ARGS__); \
     });                                                                           \
   }                                                                               \
-  ::vel::TClass T::ClassType() const { return T::StaticClass(); }
+  ::vel::TClass T::ClassType() const { return T::StaticClass(); }                \
+  void T::VEL_PUBLISHED_or_VEL_IMPLEMENT_missing() {}
 
 // Defines the class reference of T (declared with VEL_CLASS) with published
 // run-time type information and the given members (prop, method, message).

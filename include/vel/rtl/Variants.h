@@ -18,7 +18,11 @@
 #include <vector>
 
 #include "vel/Export.h"
+// System.h ends by including TypInfo.h, which needs this header complete:
+// when this header comes first, it includes TypInfo.h itself at its end.
+#define VEL_RTL_VARIANTS_PENDING
 #include "vel/rtl/System.h"
+#undef VEL_RTL_VARIANTS_PENDING
 
 namespace vel {
 
@@ -262,3 +266,5 @@ VEL_API void VarArrayPut(Variant& A, const Variant& Value, int32_t Index);
 VEL_API void VarArrayRedim(Variant& A, int32_t HighBound);
 
 }  // namespace vel
+
+#include "vel/rtl/TypInfo.h"
