@@ -60,6 +60,7 @@
 #include "vel/rtl/Streams.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/System.h"
+#include "vel/velInterfaces.h"
 
 namespace vel {
 
@@ -125,10 +126,9 @@ struct VEL_API ILogOptions : IInterface {
   virtual void LoadFromRegistry(TRegistry* Registry) = 0;
 };
 
-struct VEL_API ILogNotifier : IInterface {
-  VEL_INTERFACE_ID("{D07687D4-97C3-42B1-BBF2-44D4FA13166C}")
-  virtual void NotifyMsg(const std::u16string& Msg, int32_t LogCat) = 0;
-};
+// ILogNotifier (a notifier interface: ICustomNotifier's subscription
+// methods, then NotifyMsg) is declared with the other notifier interfaces in
+// velInterfaces.h.
 
 // (Sender: the notifier; LogMsg: the message as a byte string; LogCat.)
 using TLogMsgEvent = TEvent<void(TObject* Sender, const std::string& LogMsg, int32_t LogCat)>;
@@ -347,8 +347,15 @@ class VEL_API TILogNotifier : public TNoRefInterfacedObject, public ILogNotifier
   ~TILogNotifier() override;
   // OnLogMsg(this, Msg as bytes, LogCat) when assigned.
   void NotifyMsg(const std::u16string& Msg, int32_t LogCat) override;
+  // The source this notifier is attached to, held without counting (as
+  // every notifier holds it).
+  IPtr<ISubscribe> GetSubscribe() override { return FSubscribe; }
+  void SetSubscribe(ISubscribe* Value) override { FSubscribe = Value; }
 
   TLogMsgEvent OnLogMsg;
+
+ private:
+  ISubscribe* FSubscribe = nullptr;
 };
 
 // ---------------------------------------------------------------------------
