@@ -11,7 +11,7 @@ PACKAGES := cmake ninja-build g++ make pkg-config \
             libsqlite3-dev sqlite3 libcrypto++-dev libsoci-dev libcli11-dev \
             unixodbc-dev odbc-mdbtools postgresql \
             python3-olefile libgsf-1-dev \
-            binutils-mingw-w64-x86-64 binutils-mingw-w64-i686 gcovr
+            binutils-mingw-w64-x86-64 binutils-mingw-w64-i686 gcovr ccache
 
 PREFIX ?= /usr/local
 JOBS := 2
@@ -22,6 +22,16 @@ CMAKE ?= cmake
 CTEST ?= ctest
 
 export DEBIAN_FRONTEND := noninteractive
+
+# Builds go through ccache when it is there. Paths under the project are
+# hashed relative to it, so another clone of the tree (CI's) reuses what an
+# earlier build compiled.
+ifneq ($(shell command -v ccache 2>/dev/null),)
+export CMAKE_CXX_COMPILER_LAUNCHER ?= ccache
+export CMAKE_C_COMPILER_LAUNCHER ?= ccache
+export CCACHE_BASEDIR ?= $(CURDIR)
+export CCACHE_NOHASHDIR ?= 1
+endif
 
 .PHONY: all deps build demo test asan-test tsan-test fuzz-smoke bench install clean
 
