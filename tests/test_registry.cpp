@@ -205,6 +205,13 @@ TEST_F(Registry, OpenKeyPathsAndCreation) {
   EXPECT_FALSE(R.KeyExists("Software\\X"));
   EXPECT_TRUE(R.CreateKey("Software\\Y"));
   EXPECT_TRUE(std::filesystem::exists(Dir + "/hives/HKEY_LOCAL_MACHINE.db"));
+  // A hive removed and created anew is the new file, not a kept connection.
+  std::filesystem::remove_all(Dir + "/hives");
+  TRegistry Fresh;
+  Fresh.SetRootKey(HKEY_LOCAL_MACHINE);
+  EXPECT_FALSE(Fresh.KeyExists("Software\\Y"));
+  EXPECT_TRUE(Fresh.CreateKey("Software\\Z"));
+  EXPECT_TRUE(std::filesystem::exists(Dir + "/hives/HKEY_LOCAL_MACHINE.db"));
 }
 
 // DeleteKey removes a whole tree and its values; DeleteValue one value.

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 #include "RegistryHive.h"
 #include "vel/rtl/StringLists.h"
@@ -492,9 +493,62 @@ void TRegistry::SetRootKey(HKEY Value) {
   FRootKey = Value;
 }
 
+namespace {
+
+// Each thread keeps its hive connections open for the accessors it creates
+// later, so that a short-lived TRegistry (one per settings pass) does not
+// pay for opening the database. A connection belongs to one thread, and is
+// reused only while its file is still the one at that path (a hive deleted
+// and created anew gets a new connection) and only in the process that
+// opened it (never across fork).
+struct TCachedHive {
+  std::shared_ptr<detail::THive> Hive;
+  dev_t Dev = 0;
+  ino_t Ino = 0;
+  pid_t Pid = 0;
+};
+
+struct THiveCache {
+  std::map<std::string, TCachedHive> Items;
+  ~THiveCache() {
+    // After a fork the inherited connections are the parent's: leave them.
+    for (auto& [Path, Item] : Items)
+      if (Item.Pid != ::getpid()) new std::shared_ptr<detail::THive>(std::move(Item.Hive));
+  }
+};
+
+thread_local THiveCache HiveCache;
+
+std::shared_ptr<detail::THive> CachedHive(HKEY Root, bool ForWrite) {
+  const std::string Path = HiveFileName(Root);
+  if (Path.empty()) return nullptr;
+  struct stat St {};
+  const bool Exists = ::stat(Path.c_str(), &St) == 0;
+  auto It = HiveCache.Items.find(Path);
+  if (It != HiveCache.Items.end()) {
+    TCachedHive& C = It->second;
+    if (C.Pid != ::getpid()) {
+      new std::shared_ptr<detail::THive>(std::move(C.Hive));  // the parent's, see above
+      HiveCache.Items.erase(It);
+    } else if (Exists && C.Dev == St.st_dev && C.Ino == St.st_ino && (!ForWrite || C.Hive->Writable())) {
+      return C.Hive;
+    } else {
+      HiveCache.Items.erase(It);
+    }
+  }
+  std::shared_ptr<detail::THive> H = detail::THive::Open(Root, ForWrite);
+  if (H && ::stat(Path.c_str(), &St) == 0) HiveCache.Items[Path] = TCachedHive{H, St.st_dev, St.st_ino, ::getpid()};
+  return H;
+}
+
+}  // namespace
+
 detail::THive* TRegistry::Hive(bool ForWrite) {
+  // A connection from another thread's cache stays with that thread.
+  if (FHive && FHiveOwner != &HiveCache) FHive.reset();
   if (FHive && (!ForWrite || FHive->Writable())) return FHive.get();
-  std::shared_ptr<detail::THive> H = detail::THive::Open(FRootKey, ForWrite);
+  FHiveOwner = &HiveCache;
+  std::shared_ptr<detail::THive> H = CachedHive(FRootKey, ForWrite);
   if (H) FHive = std::move(H);
   return (FHive && (!ForWrite || FHive->Writable())) ? FHive.get() : nullptr;
 }

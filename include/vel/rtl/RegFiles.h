@@ -74,8 +74,10 @@ VEL_API int ImportRegText(std::string_view Bytes);
 // empty line, "[HIVE\path]" and its value lines, and a final empty line, all
 // with CRLF. Raises ERegistryException "Key not found: %s" when the key does
 // not exist. A REG_SZ or REG_DWORD value whose bytes a quoted string or a
-// dword line cannot carry exactly is written as hex(1) or hex(4); in the
-// REGEDIT4 form characters outside Windows-1252 become '?', as in regedit.
+// dword line cannot carry exactly is written as hex(1) or hex(4) (in the
+// REGEDIT4 form that includes a REG_SZ with characters outside
+// Windows-1252); in key and value names and in hex(2)/hex(7) data of the
+// REGEDIT4 form such characters become '?', as in regedit.
 VEL_API std::string ExportRegText(HKEY Root, const std::string& Key, TRegFileFormat Format);
 VEL_API void ExportRegFile(HKEY Root, const std::string& Key, const std::string& FileName,
                            TRegFileFormat Format);

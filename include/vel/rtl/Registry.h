@@ -214,6 +214,7 @@ class VEL_API TRegistry : public TObject {
   int64_t FCurrentKey = 0;
   std::string FCurrentPath;
   std::shared_ptr<detail::THive> FHive;
+  const void* FHiveOwner = nullptr;  // the thread whose connection FHive is
 };
 
 // The hive's name ("HKEY_CURRENT_USER"), or "" for an unknown handle.
