@@ -18,4 +18,6 @@ set(VEL_TEST_ENVIRONMENT
   "TMPDIR=${VEL_TEST_TMPDIR}"
   "XDG_CONFIG_HOME=${VEL_TEST_TMPDIR}/xdg-config"
   "XDG_DATA_HOME=${VEL_TEST_TMPDIR}/xdg-data"
-  "XDG_CACHE_HOME=${VEL_TEST_TMPDIR}/xdg-cache")
+  "XDG_CACHE_HOME=${VEL_TEST_TMPDIR}/xdg-cache"
+  # Registry hives (HKEY_LOCAL_MACHINE would otherwise be under /etc).
+  "VEL_REGISTRY_DIR=${VEL_TEST_TMPDIR}/registry")

@@ -7,10 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "vel/rtl/StringLists.h"
@@ -165,6 +167,19 @@ TEST_F(Registry, NamesIgnoreCaseAndKeepIt) {
   EXPECT_EQ(Names[0], "\xC9t\xE9");
 }
 
+// A UTF-8 accessor and a Windows-1252 one see the same keys and values.
+TEST_F(Registry, Utf8AndWindows1252AccessorsShareTheStore) {
+  TRegistry U;
+  U.SetUtf8(true);
+  ASSERT_TRUE(U.OpenKey("Software\\Caf\xC3\xA9", true));
+  U.WriteString("N\xC3\xA4me", "\xE2\x82\xAC \xCE\xA9");  // "€ Ω"
+  TRegistry A;
+  ASSERT_TRUE(A.OpenKey("Software\\CAF\xC9", false));
+  EXPECT_EQ(A.ReadString("N\xE4me"), "\x80 ?");  // Ω has no Windows-1252 byte
+  EXPECT_EQ(U.ReadString("N\xC3\x84ME"), "\xE2\x82\xAC \xCE\xA9");
+  EXPECT_EQ(RaiseText([&] { U.ReadInteger("N\xC3\xA4me"); }), "Failed to get data for 'N\xC3\xA4me'");
+}
+
 // CurrentPath keeps the key as opened; relative opens append with "\".
 TEST_F(Registry, OpenKeyPathsAndCreation) {
   TRegistry R;
@@ -237,8 +252,10 @@ TEST_F(Registry, CurrentUserHiveIsPrivate) {
   struct stat St {};
   ASSERT_EQ(::stat(Folder.c_str(), &St), 0);
   EXPECT_EQ(St.st_mode & 0777, 0700u);
-  ASSERT_EQ(::stat((Folder + "/HKEY_CURRENT_USER.db").c_str(), &St), 0);
-  EXPECT_EQ(St.st_mode & 0777, 0600u);
+  for (const char* Suffix : {"", "-wal", "-shm"}) {
+    ASSERT_EQ(::stat((Folder + "/HKEY_CURRENT_USER.db" + Suffix).c_str(), &St), 0) << Suffix;
+    EXPECT_EQ(St.st_mode & 0777, 0600u) << Suffix;
+  }
   EXPECT_EQ(HiveFileName(HKEY_LOCAL_MACHINE), "/etc/velmont/registry/HKEY_LOCAL_MACHINE.db");
 }
 
@@ -318,21 +335,46 @@ TEST_F(Registry, TwoProcessesLoseNoWrite) {
     for (int I = 0; I < N; I += 97) EXPECT_EQ(R.ReadInteger("P" + std::to_string(P) + "_" + std::to_string(I)), I);
 }
 
-TEST(RegistryNames, HiveNamesAndShortForms) {
-  struct Case {
-    const char* Text;
-    HKEY Key;
-  };
-  const Case Cases[] = {{"HKEY_CURRENT_USER", HKEY_CURRENT_USER}, {"hkcu", HKEY_CURRENT_USER},
-                        {"HKLM", HKEY_LOCAL_MACHINE},             {"HKEY_USERS", HKEY_USERS},
-                        {"HKCR", HKEY_CLASSES_ROOT},              {"HKCC", HKEY_CURRENT_CONFIG}};
-  for (const Case& C : Cases) {
-    HKEY K = 0;
-    ASSERT_TRUE(RootKeyFromName(C.Text, K)) << C.Text;
-    EXPECT_EQ(K, C.Key) << C.Text;
+// Threads with their own accessors write one hive while another reads it.
+TEST_F(Registry, ThreadsWriteOneHiveWhileOneReads) {
+  constexpr int Threads = 4, N = 250;
+  {
+    TRegistry R;
+    ASSERT_TRUE(R.OpenKey("Software\\Threads", true));
+    R.WriteInteger("Seen", 0);
   }
-  HKEY K = 0;
-  EXPECT_FALSE(RootKeyFromName("HKEY_NOWHERE", K));
-  EXPECT_EQ(RootKeyName(HKEY_LOCAL_MACHINE), "HKEY_LOCAL_MACHINE");
-  EXPECT_EQ(RootKeyName(0x12345678u), "");
+  std::atomic<bool> Done{false};
+  std::atomic<int> Failures{0};
+  std::vector<std::thread> Writers;
+  for (int T = 0; T < Threads; ++T)
+    Writers.emplace_back([T, &Failures] {
+      try {
+        TRegistry R;
+        if (!R.OpenKey("Software\\Threads", false)) throw ERegistryException("open");
+        for (int I = 0; I < N; ++I) R.WriteString("T" + std::to_string(T) + "_" + std::to_string(I), std::to_string(I));
+      } catch (const Exception&) {
+        ++Failures;
+      }
+    });
+  std::thread Reader([&] {
+    TRegistry R(KEY_READ);
+    TStringList Names;
+    int Last = 0;
+    while (!Done) {
+      if (!R.OpenKey("\\Software\\Threads", false)) ++Failures;
+      R.GetValueNames(&Names);
+      if (Names.Count() < Last) ++Failures;  // a committed value never disappears
+      Last = Names.Count();
+    }
+  });
+  for (std::thread& W : Writers) W.join();
+  Done = true;
+  Reader.join();
+  EXPECT_EQ(Failures.load(), 0);
+  TRegistry R(KEY_READ);
+  ASSERT_TRUE(R.OpenKey("Software\\Threads", false));
+  TStringList Names;
+  R.GetValueNames(&Names);
+  EXPECT_EQ(Names.Count(), Threads * N + 1);
+  EXPECT_EQ(R.ReadString("T3_249"), "249");
 }

@@ -148,7 +148,11 @@ std::shared_ptr<THive> THive::Open(HKEY Root, bool ForWrite) {
   } else if (Version != 1) {
     return nullptr;  // a newer layout than this code knows
   }
-  if (Writable) H->Exec("PRAGMA synchronous=NORMAL");
+  if (Writable) {
+    H->Exec("PRAGMA synchronous=NORMAL");
+    // The kept WAL file shrinks back to this size after a checkpoint.
+    H->Exec("PRAGMA journal_size_limit=1048576");
+  }
   return H;
 }
 
