@@ -95,24 +95,20 @@ class TRecording : public TCorvaneRegistry {
 
 }  // namespace
 
-TEST_F(CorvaneRegistryTest, WithoutAConfigurationFileEverythingKeepsItsInitialValue) {
-  TCorvaneRegistry* R = CorvaneRegistry();
-  EXPECT_EQ(R, TCorvaneRegistry::CorvaneRegistry());
-  EXPECT_EQ(R->StorageType(), stConfigFile);
-  EXPECT_EQ(R->ConfigKey(), "Corvane");
-  EXPECT_TRUE(R->Storage()->InheritsFrom(TConfigStorage::StaticClass()));
-  EXPECT_EQ(R->Storage()->Location(), "Corvane");
-  EXPECT_EQ(R->Version, "");
-  EXPECT_EQ(R->ProviderDB(), "");
-  EXPECT_FALSE(R->UpdateStart);
-  EXPECT_EQ(R->RestrictMaxCorVersion, 0);
-  EXPECT_EQ(R->Shell()->ProductTree()->Module, "");
-}
-
 TEST_F(CorvaneRegistryTest, SingletonReadsTheConfigurationFile) {
+  {
+    // No file: everything keeps its initial value.
+    TCorvaneRegistry Bare(nullptr, stConfigFile);
+    EXPECT_EQ(Bare.Storage()->Location(), "Corvane");
+    EXPECT_EQ(Bare.Version + Bare.ProviderDB() + Bare.Shell()->ProductTree()->Module, "");
+    EXPECT_FALSE(Bare.UpdateStart);
+    EXPECT_EQ(Bare.RestrictMaxCorVersion, 0);
+  }
   PutConfig(ConfigXml);
   FormatSettings.CurrencyString = " \x80 ";
   TCorvaneRegistry* R = CorvaneRegistry();
+  EXPECT_EQ(R, TCorvaneRegistry::CorvaneRegistry());
+  EXPECT_EQ(R->StorageType(), stConfigFile);
   EXPECT_EQ(R->Version, "7.2");
   EXPECT_TRUE(R->UpdateStart);
   EXPECT_EQ(R->ProviderDB(), DataDir + "\\prov.mdb");

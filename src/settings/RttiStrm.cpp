@@ -129,20 +129,8 @@ bool IEquals(std::string_view A, std::string_view B) {
   return true;
 }
 
-// Whether the XML declaration names an 8-bit Western encoding, which
-// pugixml does not decode by itself.
-bool DeclaresCp1252(const std::string& Bytes) {
-  if (Bytes.compare(0, 5, "<?xml") != 0) return false;
-  size_t End = Bytes.find("?>");
-  if (End == std::string::npos) return false;
-  std::string Decl = Bytes.substr(0, End);
-  size_t P = Decl.find("encoding");
-  if (P == std::string::npos) return false;
-  P = Decl.find_first_of("\"'", P);
-  if (P == std::string::npos) return false;
-  size_t Q = Decl.find(Decl[P], P + 1);
-  if (Q == std::string::npos) return false;
-  std::string_view Enc(Decl.data() + P + 1, Q - P - 1);
+// Whether an encoding name is one that Windows reads as Windows-1252.
+bool IsCp1252Name(std::string_view Enc) {
   return IEquals(Enc, "windows-1252") || IEquals(Enc, "iso-8859-1") || IEquals(Enc, "latin1") ||
          IEquals(Enc, "cp1252");
 }
@@ -185,14 +173,25 @@ struct TConfigDocument {
     if (!F) return false;
     std::string Bytes((std::istreambuf_iterator<char>(F)), std::istreambuf_iterator<char>());
     if (F.bad()) return false;
-    Cp1252 = DeclaresCp1252(Bytes);
-    if (Cp1252) Bytes = Cp1252ToUtf8(Bytes);
     Bom = Bytes.size() >= 3 && static_cast<unsigned char>(Bytes[0]) == 0xEF &&
           static_cast<unsigned char>(Bytes[1]) == 0xBB && static_cast<unsigned char>(Bytes[2]) == 0xBF;
     // Line ends are kept as they are (no parse_eol), so texts keep their CRs.
-    unsigned Options = (pugi::parse_full | pugi::parse_ws_pcdata) & ~pugi::parse_eol;
-    pugi::xml_parse_result R = Doc.load_buffer(Bytes.data(), Bytes.size(), Options,
-                                               Cp1252 ? pugi::encoding_utf8 : pugi::encoding_auto);
+    const unsigned Options = (pugi::parse_full | pugi::parse_ws_pcdata) & ~pugi::parse_eol;
+    pugi::xml_parse_result R = Doc.load_buffer(Bytes.data(), Bytes.size(), Options, pugi::encoding_auto);
+    // An 8-bit file whose declaration names Windows-1252 (or Latin-1, which
+    // Windows reads as Windows-1252): pugixml does not decode it, so the
+    // bytes are decoded here and parsed again.
+    Cp1252 = false;
+    if (R && (R.encoding == pugi::encoding_utf8 || R.encoding == pugi::encoding_latin1) && !Bom) {
+      pugi::xml_node Decl = Doc.first_child();
+      while (Decl && Decl.type() != pugi::node_declaration && Decl.type() != pugi::node_element)
+        Decl = Decl.next_sibling();
+      if (Decl && Decl.type() == pugi::node_declaration && IsCp1252Name(Decl.attribute("encoding").value())) {
+        Cp1252 = true;
+        Bytes = Cp1252ToUtf8(Bytes);
+        R = Doc.load_buffer(Bytes.data(), Bytes.size(), Options, pugi::encoding_utf8);
+      }
+    }
     if (!R || !Doc.document_element()) return false;
     Encoding = R.encoding;
     if (Encoding != pugi::encoding_utf8 && Encoding != pugi::encoding_latin1) {
@@ -217,11 +216,17 @@ struct TConfigDocument {
   // by the suite, each printed as it was parsed.
   std::string Utf8Text() const {
     std::ostringstream S;
-    bool First = true;
+    bool AfterMarkup = false;
     for (pugi::xml_node N = Doc.first_child(); N; N = N.next_sibling()) {
-      if (N.type() == pugi::node_pcdata) continue;
-      if (!First) S << Eol;
-      First = false;
+      // Stray text outside the elements (pugixml keeps it) goes back as it
+      // was, with no line break of ours around it.
+      if (N.type() == pugi::node_pcdata || N.type() == pugi::node_cdata) {
+        S << N.value();
+        AfterMarkup = false;
+        continue;
+      }
+      if (AfterMarkup) S << Eol;
+      AfterMarkup = true;
       N.print(S, "", pugi::format_raw, pugi::encoding_utf8);
     }
     if (TrailingEol) S << Eol;
