@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "vel/OleStorage.h"
 #include "vel/rtl/Com.h"
 #include "vel/rtl/Streams.h"
 #include "vel/rtl/StructuredStorage.h"
@@ -154,7 +155,14 @@ void PrintLine(int Depth, const STATSTG& S, const std::string& Name, const std::
               Hash.c_str(), Hex16(S.ctime).c_str(), Hex16(S.mtime).c_str());
 }
 
+// Nesting the commands follow, against stack exhaustion on hostile files.
+void CheckDepth(int Depth) {
+  if (Depth > vel::MaxStorageDepth)
+    Fail(vel::Format("storages nested deeper than %d levels", {vel::MaxStorageDepth}));
+}
+
 void ListStorage(IStorage* Stg, int Depth, uint64_t& Storages, uint64_t& Streams) {
+  CheckDepth(Depth);
   vel::IEnumSTATSTG* E = nullptr;
   Check(Stg->EnumElements(0, nullptr, 0, &E), "enumerate");
   IPtr<vel::IEnumSTATSTG> Enum = IPtr<vel::IEnumSTATSTG>::Attach(E);
@@ -324,7 +332,8 @@ class TProgress {
   int FDrawn = -1;
 };
 
-uint64_t TotalBytes(IStorage* Stg) {
+uint64_t TotalBytes(IStorage* Stg, int Depth = 1) {
+  CheckDepth(Depth);
   vel::IEnumSTATSTG* E = nullptr;
   Check(Stg->EnumElements(0, nullptr, 0, &E), "enumerate");
   IPtr<vel::IEnumSTATSTG> Enum = IPtr<vel::IEnumSTATSTG>::Attach(E);
@@ -338,7 +347,7 @@ uint64_t TotalBytes(IStorage* Stg) {
       IStorage* P = nullptr;
       Check(Stg->OpenStorage(S.pwcsName.c_str(), nullptr, ReadChild, nullptr, 0, &P),
             DisplayName(S.pwcsName));
-      Sum += TotalBytes(IPtr<IStorage>::Attach(P));
+      Sum += TotalBytes(IPtr<IStorage>::Attach(P), Depth + 1);
     }
     S = STATSTG();
   }
