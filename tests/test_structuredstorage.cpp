@@ -451,4 +451,458 @@ TEST(StructuredStorage, ReadsStreamsRewrittenByOlefile) {
   EXPECT_EQ(EngineListing(File), M.Listing());
 }
 
+// ---------------------------------------------------------------------------
+// The COM surface: results as Windows gives them
+
+TEST(StructuredStorage, CallsGiveWindowsResults) {
+  std::string Dir = Scratch(), File = Dir + "/r.cfb";
+  std::ofstream(Dir + "/text.txt") << "not a compound file, just text that is long enough";
+  IPtr<IStorage> R = CreateFile(File, 512);
+  IPtr<IStream> S, S2;
+  IPtr<IStorage> G, G2;
+  ASSERT_EQ(R->CreateStream(u"s", RW, 0, 0, Out(S)), S_OK);
+  ASSERT_EQ(R->CreateStorage(u"g", RW, 0, 0, Out(G)), S_OK);
+  const std::u16string Long(32, u'x');
+  struct TCase {
+    const char* What;
+    std::function<HRESULT()> Call;
+    HRESULT Want;
+  } Cases[] = {
+      {"open a missing stream", [&] { return R->OpenStream(u"nope", nullptr, RW, 0, Out(S2)); }, STG_E_FILENOTFOUND},
+      {"open a storage as a stream", [&] { return R->OpenStream(u"g", nullptr, RW, 0, Out(S2)); }, STG_E_FILENOTFOUND},
+      {"open an open stream again", [&] { return R->OpenStream(u"S", nullptr, RW, 0, Out(S2)); }, STG_E_ACCESSDENIED},
+      {"open an open storage again", [&] { return R->OpenStorage(u"G", nullptr, RW, nullptr, 0, Out(G2)); }, STG_E_ACCESSDENIED},
+      {"create over an existing name", [&] { return R->CreateStream(u"s", RW, 0, 0, Out(S2)); }, STG_E_FILEALREADYEXISTS},
+      {"replace an open stream", [&] { return R->CreateStream(u"s", RW | STGM_CREATE, 0, 0, Out(S2)); }, STG_E_ACCESSDENIED},
+      {"a name of 32 characters", [&] { return R->CreateStream(Long.c_str(), RW, 0, 0, Out(S2)); }, STG_E_INVALIDNAME},
+      {"a name with a backslash", [&] { return R->CreateStorage(u"a\\b", RW, 0, 0, Out(G2)); }, STG_E_INVALIDNAME},
+      {"an empty name", [&] { return R->CreateStream(u"", RW, 0, 0, Out(S2)); }, STG_E_INVALIDNAME},
+      {"no share-exclusive", [&] { return R->CreateStream(u"t", STGM_READWRITE, 0, 0, Out(S2)); }, STG_E_INVALIDFLAG},
+      {"rename onto an existing name", [&] { return R->RenameElement(u"g", u"s"); }, STG_E_ACCESSDENIED},
+      {"destroy a missing element", [&] { return R->DestroyElement(u"nope"); }, STG_E_FILENOTFOUND},
+      {"copy a storage into itself", [&] { return R->CopyTo(0, nullptr, nullptr, G); }, STG_E_ACCESSDENIED},
+      {"move into its own subtree", [&] { G = nullptr; IPtr<IStorage> X; R->OpenStorage(u"g", nullptr, RW, nullptr, 0, Out(X));
+                                          return R->MoveElementTo(u"g", X, u"h", STGMOVE_MOVE); }, STG_E_ACCESSDENIED},
+      {"seek before the start", [&] { return S->Seek(-1, STREAM_SEEK_SET, nullptr); }, STG_E_INVALIDFUNCTION},
+      {"seek from a bad origin", [&] { return S->Seek(0, 7, nullptr); }, STG_E_INVALIDFUNCTION},
+      {"open a missing file", [&] { return StgOpenStorage(W(Dir + "/missing").c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(G2)); }, STG_E_FILENOTFOUND},
+      {"open a file that is not compound", [&] { return StgOpenStorage(W(Dir + "/text.txt").c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(G2)); }, STG_E_FILEALREADYEXISTS},
+      {"create over an existing file", [&] { return StgCreateDocfile(W(Dir + "/text.txt").c_str(), RW, 0, Out(G2)); }, STG_E_FILEALREADYEXISTS},
+      {"is a text file a storage file", [&] { return StgIsStorageFile(W(Dir + "/text.txt").c_str()); }, S_FALSE},
+      {"is the compound file one", [&] { return StgIsStorageFile(W(File).c_str()); }, S_OK},
+      {"is a missing file one", [&] { return StgIsStorageFile(W(Dir + "/missing").c_str()); }, STG_E_FILENOTFOUND},
+  };
+  for (auto& C : Cases) EXPECT_EQ(C.Call(), C.Want) << C.What;
+  EXPECT_EQ(StgResultMessage(STG_E_FILENOTFOUND), "%1 could not be found");
+  // Destroying an element reverts the objects open on it.
+  ASSERT_EQ(R->DestroyElement(u"s"), S_OK);
+  EXPECT_EQ(S->Write("x", 1, nullptr), STG_E_REVERTED);
+  // A read-only open refuses writes at every level.
+  S = nullptr;
+  R = nullptr;
+  ASSERT_EQ(StgOpenStorage(W(File).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(R)), S_OK);
+  EXPECT_EQ(R->CreateStream(u"new", RW, 0, 0, Out(S)), STG_E_ACCESSDENIED);
+  EXPECT_EQ(R->OpenStorage(u"g", nullptr, RW, nullptr, 0, Out(G)), STG_E_ACCESSDENIED);
+  EXPECT_EQ(R->SetClass(GUID_NULL), STG_E_ACCESSDENIED);
+}
+
+TEST(StructuredStorage, ElementsKeepClassStateBitsTimesAndCopies) {
+  std::string File = Scratch() + "/m.cfb";
+  const TCLSID Cls = TGUID::Parse("{00020906-0000-0000-C000-000000000046}");
+  const FILETIME T1{0x12345678, 0x01D00000}, T2{0x9ABCDEF0, 0x01D10000};
+  {
+    IPtr<IStorage> R = CreateFile(File, 4096), A, B;
+    ASSERT_EQ(R->CreateStorage(u"A", RW, 0, 0, Out(A)), S_OK);
+    ASSERT_EQ(A->SetClass(Cls), S_OK);
+    ASSERT_EQ(A->SetStateBits(0xF0F0, 0x00FF), S_OK);
+    ASSERT_EQ(A->SetStateBits(0xAB00, 0xFF00), S_OK);
+    IPtr<IStream> S;
+    ASSERT_EQ(A->CreateStream(u"x", RW, 0, 0, Out(S)), S_OK);
+    ASSERT_EQ(S->Write("hello", 5, nullptr), S_OK);
+    S = nullptr;
+    A = nullptr;
+    ASSERT_EQ(R->SetElementTimes(u"A", &T1, nullptr, &T2), S_OK);
+    // Copy and move within the file, then a copy to another file.
+    ASSERT_EQ(R->CreateStorage(u"B", RW, 0, 0, Out(B)), S_OK);
+    ASSERT_EQ(R->MoveElementTo(u"A", B, u"A2", STGMOVE_COPY), S_OK);
+    ASSERT_EQ(R->MoveElementTo(u"A", B, u"A3", STGMOVE_MOVE), S_OK);
+    IPtr<IStorage> Other = CreateFile(File + ".2", 512);
+    ASSERT_EQ(B->CopyTo(0, nullptr, nullptr, Other), S_OK);
+  }
+  for (std::string F : {File, File + ".2"}) {
+    IPtr<IStorage> R, B, A;
+    ASSERT_EQ(StgOpenStorage(W(F).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(R)), S_OK);
+    if (F == File) {
+      EXPECT_EQ(R->OpenStorage(u"A", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, Out(A)), STG_E_FILENOTFOUND);
+      ASSERT_EQ(R->OpenStorage(u"B", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, Out(B)), S_OK);
+    } else {
+      B = R;
+    }
+    for (const char16_t* N : {u"A2", u"A3"}) {
+      ASSERT_EQ(B->OpenStorage(N, nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, Out(A)), S_OK);
+      STATSTG St;
+      ASSERT_EQ(A->Stat(&St, STATFLAG_DEFAULT), S_OK);
+      EXPECT_EQ(St.pwcsName, N);
+      EXPECT_TRUE(St.clsid == Cls);
+      EXPECT_EQ(St.grfStateBits, 0xABF0u);
+      EXPECT_EQ(St.ctime.dwLowDateTime, T1.dwLowDateTime);
+      EXPECT_EQ(St.mtime.dwHighDateTime, T2.dwHighDateTime);
+      IPtr<IStream> S;
+      ASSERT_EQ(A->OpenStream(u"x", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, Out(S)), S_OK);
+      char Buf[8] = {};
+      uint32_t Got = 0;
+      ASSERT_EQ(S->Read(Buf, 8, &Got), S_OK);
+      EXPECT_EQ(std::string(Buf, Got), "hello");
+    }
+  }
+}
+
+// Streams move between the mini stream and regular sectors as they cross
+// 4096 bytes, keep their bytes, and freed sectors are used again.
+TEST(StructuredStorage, StreamsCrossTheCutOffAndFreedSectorsAreReused) {
+  std::string File = Scratch() + "/c.cfb";
+  IPtr<IStorage> R = CreateFile(File, 512);
+  IPtr<IStream> S;
+  ASSERT_EQ(R->CreateStream(u"s", RW, 0, 0, Out(S)), S_OK);
+  std::vector<uint8_t> Want;
+  for (uint64_t Size : {100u, 4095u, 4096u, 10000u, 50u, 0u, 4097u, 3000u}) {
+    std::vector<uint8_t> B = Content(Size, static_cast<unsigned>(Size));
+    size_t Keep = std::min<size_t>(Want.size(), Size);
+    ASSERT_EQ(S->SetSize(Size), S_OK);
+    Want.resize(Size, 0);
+    // Rewrite the second half only; the first half must survive the move.
+    ASSERT_EQ(S->Seek(static_cast<int64_t>(Size / 2), STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(S->Write(B.data() + Size / 2, static_cast<uint32_t>(Size - Size / 2), nullptr), S_OK);
+    std::copy(B.begin() + Size / 2, B.end(), Want.begin() + Size / 2);
+    (void)Keep;
+    ASSERT_EQ(R->Commit(STGC_DEFAULT), S_OK);
+    std::vector<uint8_t> Got(Size + 1);
+    uint32_t N = 0;
+    ASSERT_EQ(S->Seek(0, STREAM_SEEK_SET, nullptr), S_OK);
+    ASSERT_EQ(S->Read(Got.data(), static_cast<uint32_t>(Got.size()), &N), S_OK);
+    Got.resize(N);
+    EXPECT_EQ(Got, Want) << Size;
+  }
+  S = nullptr;
+  TModel M;
+  Put(R, M, "big", Content(1 << 20, 1));
+  ASSERT_EQ(R->Commit(STGC_DEFAULT), S_OK);
+  auto Size1 = fs::file_size(File);
+  for (int Round = 0; Round < 5; ++Round) {
+    ASSERT_EQ(R->DestroyElement(u"big"), S_OK);
+    ASSERT_EQ(R->Commit(STGC_DEFAULT), S_OK);
+    Put(R, M, "big", Content(1 << 20, Round + 2));
+    ASSERT_EQ(R->Commit(STGC_DEFAULT), S_OK);
+  }
+  // One extra copy of the stream may be needed while the old one is still
+  // the saved state; never one per round.
+  EXPECT_LT(fs::file_size(File), Size1 * 2 + 65536);
+  R = nullptr;
+  EXPECT_EQ(OlefileListing(File).find("big\t2\t1048576\t"), 0u) << OlefileListing(File);
+}
+
+TEST(StructuredStorage, TransactedRevertReturnsToTheLastCommit) {
+  std::string File = Scratch() + "/t.cfb";
+  CreateFile(File, 512);
+  IPtr<IStorage> R;
+  ASSERT_EQ(StgOpenStorage(W(File).c_str(), nullptr, RW | STGM_TRANSACTED, nullptr, 0, Out(R)), S_OK);
+  TModel M;
+  Put(R, M, "kept", Content(5000, 1));
+  ASSERT_EQ(R->Commit(STGC_DEFAULT), S_OK);
+  Put(R, M, "dropped", Content(100, 2));
+  IPtr<IStream> S;
+  ASSERT_EQ(R->OpenStream(u"kept", nullptr, RW, 0, Out(S)), S_OK);
+  ASSERT_EQ(S->SetSize(10), S_OK);
+  ASSERT_EQ(R->Revert(), S_OK);
+  EXPECT_EQ(S->Read(nullptr, 0, nullptr), STG_E_REVERTED);
+  S = nullptr;
+  ASSERT_EQ(R->OpenStream(u"dropped", nullptr, RW, 0, Out(S)), STG_E_FILENOTFOUND);
+  Put(R, M, "also dropped", Content(100, 3));
+  R = nullptr;  // a transacted root saves nothing on release
+  M.Streams.erase("dropped");
+  M.Streams.erase("also dropped");
+  EXPECT_EQ(EngineListing(File), M.Listing());
+}
+
+// ---------------------------------------------------------------------------
+// Sharing across processes
+
+TEST(StructuredStorage, ShareExclusiveOpenExcludesOtherProcesses) {
+  std::string File = Scratch() + "/x.cfb";
+  CreateFile(File, 512);
+  int Ready[2], Go[2];
+  ASSERT_EQ(pipe(Ready), 0);
+  ASSERT_EQ(pipe(Go), 0);
+  pid_t Child = fork();
+  if (Child == 0) {
+    IPtr<IStorage> R;
+    char C = StgOpenStorage(W(File).c_str(), nullptr, RW, nullptr, 0, Out(R)) == S_OK ? 'y' : 'n';
+    (void)!write(Ready[1], &C, 1);
+    (void)!read(Go[0], &C, 1);
+    _exit(0);
+  }
+  char C = 0;
+  ASSERT_EQ(read(Ready[0], &C, 1), 1);
+  ASSERT_EQ(C, 'y');
+  IPtr<IStorage> R;
+  EXPECT_EQ(StgOpenStorage(W(File).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_NONE, nullptr, 0, Out(R)), STG_E_SHAREVIOLATION);
+  EXPECT_EQ(StgOpenStorage(W(File).c_str(), nullptr, RW, nullptr, 0, Out(R)), STG_E_SHAREVIOLATION);
+  // Replacing the file is refused too, and leaves it intact.
+  EXPECT_EQ(StgCreateDocfile(W(File).c_str(), RW | STGM_CREATE, 0, Out(R)), STG_E_SHAREVIOLATION);
+  EXPECT_GT(fs::file_size(File), 0u);
+  (void)!write(Go[1], "x", 1);
+  int St = 0;
+  waitpid(Child, &St, 0);
+  EXPECT_EQ(StgOpenStorage(W(File).c_str(), nullptr, RW, nullptr, 0, Out(R)), S_OK);
+  // Within one process as well; readers that share reading coexist.
+  IPtr<IStorage> R2;
+  EXPECT_EQ(StgOpenStorage(W(File).c_str(), nullptr, RW, nullptr, 0, Out(R2)), STG_E_SHAREVIOLATION);
+  R = nullptr;
+  IPtr<IStorage> R3;
+  EXPECT_EQ(StgOpenStorage(W(File).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(R2)), S_OK);
+  EXPECT_EQ(StgOpenStorage(W(File).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(R3)), S_OK);
+}
+
+// ---------------------------------------------------------------------------
+// A writer killed at any moment
+
+// State k: stream "K" holds k, "S" holds Content(size(k), k) with sizes on
+// both sides of the cut-off, "L" holds Content(30000, k), and streams
+// "T0".."T<k%7>" exist.
+size_t StateSize(uint32_t K) {
+  return (K * 977u) % 12000u;
+}
+
+void WriteState(IStorage* R, uint32_t K) {
+  IPtr<IStream> S;
+  auto Set = [&](const char16_t* N, const std::vector<uint8_t>& B) {
+    if (R->OpenStream(N, nullptr, RW, 0, Out(S)) != S_OK) R->CreateStream(N, RW, 0, 0, Out(S));
+    S->SetSize(B.size());
+    S->Write(B.data(), static_cast<uint32_t>(B.size()), nullptr);
+    S = nullptr;
+  };
+  Set(u"S", Content(StateSize(K), K));
+  Set(u"L", Content(30000, K));
+  for (uint32_t T = 0; T < 7; ++T) {
+    std::u16string N = W("T" + std::to_string(T));
+    if (T <= K % 7) Set(N.c_str(), Content(T * 50, T));
+    else R->DestroyElement(N.c_str());
+  }
+  Set(u"K", std::vector<uint8_t>{uint8_t(K), uint8_t(K >> 8), uint8_t(K >> 16), 0});
+}
+
+TEST(StructuredStorage, KilledWriterLeavesThePreviousOrTheNewState) {
+  std::string File = Scratch() + "/k.cfb";
+  {
+    IPtr<IStorage> R = CreateFile(File, 512);
+    WriteState(R, 0);
+  }
+  std::mt19937 Rng(7);
+  std::set<uint32_t> Seen;
+  for (int Round = 0; Round < 40; ++Round) {
+    pid_t Child = fork();
+    if (Child == 0) {
+      IPtr<IStorage> R;
+      if (StgOpenStorage(W(File).c_str(), nullptr, RW, nullptr, 0, Out(R)) != S_OK) _exit(1);
+      IPtr<IStream> S;
+      uint8_t B[4] = {};
+      R->OpenStream(u"K", nullptr, RW, 0, Out(S));
+      S->Read(B, 4, nullptr);
+      S = nullptr;
+      for (uint32_t K = B[0] | B[1] << 8 | B[2] << 16;; ) {
+        WriteState(R, ++K);
+        R->Commit(STGC_DEFAULT);
+      }
+    }
+    usleep(2000 + Rng() % 60000);
+    kill(Child, SIGKILL);
+    int St = 0;
+    waitpid(Child, &St, 0);
+    IPtr<IStorage> R;
+    ASSERT_EQ(StgOpenStorage(W(File).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(R)), S_OK) << Round;
+    TModel Got;
+    Walk(R, "", Got);
+    ASSERT_TRUE(Got.Streams.count("K")) << Round;
+    const auto& KB = Got.Streams["K"];
+    ASSERT_EQ(KB.size(), 4u);
+    uint32_t K = KB[0] | KB[1] << 8 | KB[2] << 16;
+    Seen.insert(K);
+    TModel Want;
+    Want.Streams["K"] = KB;
+    Want.Streams["S"] = Content(StateSize(K), K);
+    Want.Streams["L"] = Content(30000, K);
+    for (uint32_t T = 0; T <= K % 7; ++T) Want.Streams["T" + std::to_string(T)] = Content(T * 50, T);
+    ASSERT_EQ(Got.Listing(), Want.Listing()) << "round " << Round << " state " << K;
+  }
+  EXPECT_GT(Seen.size(), 10u) << "the writer was killed before it committed anything";
+  EXPECT_EQ(OlefileListing(File).find("K\t2\t4\t"), 0u);
+}
+
+// ---------------------------------------------------------------------------
+// Damaged files
+
+// A small file with a regular stream "Big", a mini stream "S/Small" and a
+// regular stream "Other", and the positions of its structures.
+struct TDamage {
+  std::vector<uint8_t> B;
+  uint32_t BigStart = 0, OtherStart = 0, SmallStart = 0, Fat0 = 0, Dir0 = 0, MiniFat0 = 0;
+  uint32_t BigEntry = 0, RootChildEntry = 0;
+  std::vector<uint32_t> DirChain;
+
+  uint32_t G32(size_t O) const { return uint32_t(B[O]) | B[O + 1] << 8 | B[O + 2] << 16 | uint32_t(B[O + 3]) << 24; }
+  void P32(size_t O, uint32_t V) {
+    for (int I = 0; I < 4; ++I) B[O + I] = uint8_t(V >> (8 * I));
+  }
+  size_t Sec(uint32_t S) const { return (size_t(S) + 1) * 512; }
+  size_t Fat(uint32_t S) const { return Sec(Fat0) + 4 * S; }
+  size_t Ent(uint32_t I) const { return Sec(DirChain[I / 4]) + 128 * (I % 4); }
+};
+
+TDamage MakeDamageBase(const std::string& File, TModel& M) {
+  {
+    IPtr<IStorage> R = CreateFile(File, 512);
+    Put(R, M, "Big", Content(20000, 1));
+    Put(R, M, "S/Small", Content(100, 2));
+    Put(R, M, "Other", Content(130000, 3));
+  }
+  TDamage D;
+  std::ifstream F(File, std::ios::binary);
+  D.B.assign(std::istreambuf_iterator<char>(F), std::istreambuf_iterator<char>());
+  D.Fat0 = D.G32(76);
+  D.Dir0 = D.G32(48);
+  D.MiniFat0 = D.G32(60);
+  for (uint32_t S = D.Dir0; S != 0xFFFFFFFE && D.DirChain.size() < 8; S = D.G32(D.Fat(S))) D.DirChain.push_back(S);
+  for (uint32_t I = 0; I < 4 * D.DirChain.size(); ++I) {
+    std::string N;
+    for (int K = 0; K < 8 && D.B[D.Ent(I) + 2 * K]; ++K) N += char(D.B[D.Ent(I) + 2 * K]);
+    uint32_t Start = D.G32(D.Ent(I) + 116);
+    if (N == "Big") D.BigStart = Start, D.BigEntry = I;
+    if (N == "Other") D.OtherStart = Start;
+  }
+  D.RootChildEntry = D.G32(D.Ent(0) + 76);
+  return D;
+}
+
+// After damage: either a clear error on open, or every stream that opens
+// reads its sound bytes and every other gives STG_E_DOCFILECORRUPT.
+TEST(StructuredStorage, DamagedFilesGiveClearErrorsOrTheSoundData) {
+  std::string Dir = Scratch();
+  TModel M;
+  const TDamage Base = MakeDamageBase(Dir + "/base.cfb", M);
+  ASSERT_NE(Base.BigStart, Base.OtherStart);
+  ASSERT_GT(Base.B.size(), 250u * 512);
+  struct TCase {
+    const char* What;
+    std::function<void(TDamage&)> Damage;
+    HRESULT OpenResult;
+    std::set<std::string> Corrupt;  // streams that must give STG_E_DOCFILECORRUPT
+    bool Shared = false;
+  } Cases[] = {
+      {"FAT cycle", [](TDamage& D) { D.P32(D.Fat(D.BigStart + 3), D.BigStart + 1); }, S_OK, {"Big"}},
+      {"chain leaves the file", [](TDamage& D) { D.P32(D.Fat(D.BigStart + 5), 0x00FFFFF0); }, S_OK, {"Big"}},
+      {"chain ends early", [](TDamage& D) { D.P32(D.Fat(D.BigStart + 2), 0xFFFFFFFE); }, S_OK, {"Big"}},
+      {"chain through a free sector", [](TDamage& D) { D.P32(D.Fat(D.BigStart + 2), 0xFFFFFFFF); }, S_OK, {"Big"}},
+      {"start beyond the end", [](TDamage& D) { D.P32(D.Ent(D.BigEntry) + 116, 0x00100000); }, S_OK, {"Big"}},
+      {"size far beyond the chain", [](TDamage& D) { D.P32(D.Ent(D.BigEntry) + 120, 0xFFFFFFF0); }, S_OK, {"Big"}},
+      {"mini chain cycle", [](TDamage& D) { uint32_t S = D.G32(D.Sec(D.MiniFat0)); (void)S;
+                                            for (int I = 0; I < 4; ++I) D.P32(D.Sec(D.MiniFat0) + 4 * I, I); }, S_OK, {"S/Small"}},
+      // Which of the two is sound cannot be known: one is refused, the
+      // other reads what its chain holds.
+      {"two streams share sectors", [](TDamage& D) { D.P32(D.Ent(D.BigEntry) + 116, D.OtherStart); }, S_OK, {}, true},
+      {"directory loop", [](TDamage& D) { D.P32(D.Ent(D.RootChildEntry) + 68, D.RootChildEntry); }, STG_E_DOCFILECORRUPT, {}},
+      {"directory link out of range", [](TDamage& D) { D.P32(D.Ent(D.RootChildEntry) + 72, 5000); }, STG_E_DOCFILECORRUPT, {}},
+      {"directory start beyond the end", [](TDamage& D) { D.P32(48, 0x0FFFFFFF); }, STG_E_DOCFILECORRUPT, {}},
+      {"FAT sector count huge", [](TDamage& D) { D.P32(44, 0x7FFFFFFF); }, STG_E_DOCFILECORRUPT, {}},
+      {"DIFAT chain loops", [](TDamage& D) { D.P32(44, 241); D.P32(72, 2); D.P32(68, D.BigStart);
+                                             D.P32(D.Sec(D.BigStart) + 508, D.BigStart); }, STG_E_DOCFILECORRUPT, {}},
+      {"root mini stream size huge", [](TDamage& D) { D.P32(D.Ent(0) + 120, 0x7FFFFFFF); }, STG_E_DOCFILECORRUPT, {}},
+      {"bad sector shift", [](TDamage& D) { D.B[30] = 20; }, STG_E_INVALIDHEADER, {}},
+      {"bad byte order mark", [](TDamage& D) { D.B[28] = 0; }, STG_E_INVALIDHEADER, {}},
+      {"no signature", [](TDamage& D) { D.B[0] = 'P'; }, STG_E_FILEALREADYEXISTS, {}},
+      {"cut inside the header", [](TDamage& D) { D.B.resize(300); }, STG_E_INVALIDHEADER, {}},
+      {"cut to its first sectors", [](TDamage& D) { D.B.resize(2048); }, STG_E_DOCFILECORRUPT, {}},
+  };
+  int N = 0;
+  for (auto& C : Cases) {
+    TDamage D = Base;
+    C.Damage(D);
+    std::string F = Dir + "/d" + std::to_string(N++) + ".cfb";
+    std::ofstream(F, std::ios::binary).write(reinterpret_cast<const char*>(D.B.data()), D.B.size());
+    IPtr<IStorage> R;
+    HRESULT Hr = StgOpenStorage(W(F).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(R));
+    ASSERT_EQ(Hr, C.OpenResult) << C.What;
+    if (Hr != S_OK) continue;
+    int Corrupt = 0;
+    for (auto& [Path, Bytes] : M.Streams) {
+      IPtr<IStorage> Parent = R;
+      std::string Leaf = Path;
+      if (Path.find('/') != std::string::npos) {
+        ASSERT_EQ(R->OpenStorage(u"S", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, Out(Parent)), S_OK);
+        Leaf = Path.substr(2);
+      }
+      IPtr<IStream> S;
+      Hr = Parent->OpenStream(W(Leaf).c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, Out(S));
+      if (C.Corrupt.count(Path)) EXPECT_EQ(Hr, STG_E_DOCFILECORRUPT) << C.What << " " << Path;
+      if (Hr == STG_E_DOCFILECORRUPT) {
+        ++Corrupt;
+        continue;
+      }
+      ASSERT_EQ(Hr, S_OK) << C.What << " " << Path;
+      std::vector<uint8_t> Got(Bytes.size());
+      uint32_t Read = 0;
+      ASSERT_EQ(S->Read(Got.data(), static_cast<uint32_t>(Got.size()), &Read), S_OK);
+      if (!C.Shared) EXPECT_EQ(Got, Bytes) << C.What << " " << Path;
+    }
+    EXPECT_GE(Corrupt, 1) << C.What;
+    // A damaged file is still saved as a sound one.
+    R = nullptr;
+    ASSERT_EQ(StgOpenStorage(W(F).c_str(), nullptr, RW, nullptr, 0, Out(R)), S_OK);
+    TModel Extra;
+    Put(R, Extra, "added", Content(5000, 9));
+    R = nullptr;
+    EXPECT_NE(OlefileListing(F).find("added\t2\t5000\t"), std::string::npos) << C.What;
+  }
+}
+
+// Random byte changes anywhere: the engine answers with results, never
+// crashes or loops (the fuzz target does the same at length).
+TEST(StructuredStorage, RandomlyDamagedFilesNeverCrash) {
+  std::string Dir = Scratch();
+  TModel M;
+  const TDamage Base = MakeDamageBase(Dir + "/base.cfb", M);
+  std::mt19937 Rng(11);
+  std::string F = Dir + "/r.cfb";
+  int Opened = 0;
+  for (int Round = 0; Round < 300; ++Round) {
+    TDamage D = Base;
+    for (int K = 0; K < 1 + Round % 8; ++K) D.B[Rng() % D.B.size()] = static_cast<uint8_t>(Rng());
+    std::ofstream(F, std::ios::binary | std::ios::trunc).write(reinterpret_cast<const char*>(D.B.data()), D.B.size());
+    IPtr<IStorage> R;
+    HRESULT Hr = StgOpenStorage(W(F).c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_WRITE, nullptr, 0, Out(R));
+    if (Hr != S_OK) {
+      EXPECT_EQ(static_cast<uint32_t>(Hr) & 0xFFFF0000u, 0x80030000u);
+      continue;
+    }
+    ++Opened;
+    TModel Got;
+    std::function<void(IStorage*)> Read = [&](IStorage* S) {
+      IPtr<IEnumSTATSTG> E;
+      ASSERT_EQ(S->EnumElements(0, nullptr, 0, Out(E)), S_OK);
+      STATSTG St;
+      uint32_t N;
+      std::vector<uint8_t> Buf(4096);
+      while (E->Next(1, &St, &N) == S_OK) {
+        IPtr<IStorage> Sub;
+        IPtr<IStream> Str;
+        if (S->OpenStorage(St.pwcsName.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr, 0, Out(Sub)) == S_OK) Read(Sub);
+        if (S->OpenStream(St.pwcsName.c_str(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, Out(Str)) == S_OK)
+          while (Str->Read(Buf.data(), 4096, &N) == S_OK && N) {
+          }
+      }
+    };
+    Read(R);
+  }
+  EXPECT_GT(Opened, 50);
+}
+
 }  // namespace stgtest

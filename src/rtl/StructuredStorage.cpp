@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -136,6 +137,11 @@ struct TNameLess {
   }
 };
 
+// Units of Unit bytes needed for Size bytes, without overflow.
+inline uint64_t Units(uint64_t Size, uint32_t Unit) {
+  return Size / Unit + (Size % Unit != 0);
+}
+
 FILETIME NowFileTime() {
   timespec Ts{};
   clock_gettime(CLOCK_REALTIME, &Ts);
@@ -249,6 +255,8 @@ class TCfbFile {
     return S_OK;
   }
 
+  bool FreeSpace(struct statvfs& Fs) const { return fstatvfs(FFd, &Fs) == 0; }
+
   HRESULT Sync() { return fdatasync(FFd) == 0 ? S_OK : STG_E_WRITEFAULT; }
 
  private:
@@ -314,6 +322,8 @@ class TCfbDoc {
     FFatSectors.clear();
     FDifatSectors.clear();
     FDirty = true;
+    FMiniLoaded = true;
+    FMiniSize = 0;
     FHeaderClsid = TCLSID();
     FHint = FMiniHint = 0;
     FEntryHint = 1;
@@ -388,7 +398,10 @@ class TCfbDoc {
     std::vector<uint8_t> DirBytes(FDirChain.size() * static_cast<size_t>(SectorSize));
     if (Failed(Hr = ReadChain(FDirChain, DirBytes.data()))) return Hr;
     size_t NEnt = FDirChain.size() * PerDir;
-    std::vector<TEntry> Raw(NEnt);
+    // Entries are parsed in place; those the tree does not reach are
+    // cleared after the walk.
+    std::vector<TEntry>& Raw = Entries;
+    Raw.assign(NEnt, TEntry());
     std::vector<uint32_t> Left(NEnt), Right(NEnt), Child(NEnt), Start(NEnt);
     for (size_t I = 0; I < NEnt; ++I) {
       const uint8_t* P = DirBytes.data() + I * DirEntrySize;
@@ -411,6 +424,7 @@ class TCfbDoc {
       Start[I] = Get32(P + 116);
       E.Size = Major == 3 ? Get32(P + 120) : Get64(P + 120);
     }
+    DirBytes = std::vector<uint8_t>();
     if (Raw[0].Type != ObjRoot) return STG_E_DOCFILECORRUPT;
 
     // The mini FAT and the mini stream.
@@ -424,21 +438,19 @@ class TCfbDoc {
       for (size_t I = 0; I < MiniFat.size(); ++I) MiniFat[I] = Get32(MB.data() + 4 * I);
     }
     uint64_t RootSize = Raw[0].Size;
-    uint64_t RootNeed = (RootSize + SectorSize - 1) / SectorSize;
+    uint64_t RootNeed = Units(RootSize, SectorSize);
     if (RootSize > 0) {
       if (Failed(FollowFat(Fat, Start[0], RootNeed, FRootChain))) return STG_E_DOCFILECORRUPT;
-      FMini.resize(FRootChain.size() * static_cast<size_t>(SectorSize));
-      if (Failed(Hr = ReadChain(FRootChain, FMini.data()))) return Hr;
-      FMini.resize(std::min<uint64_t>(RootSize, FMini.size()));
     }
-    FMini.resize(FMini.size() / MiniSectorSize * MiniSectorSize);
-    size_t MiniCount = FMini.size() / MiniSectorSize;
+    // The mini stream is read from the file until something changes it.
+    FMiniSize = std::min<uint64_t>(RootSize, uint64_t(FRootChain.size()) * SectorSize);
+    FMiniSize -= FMiniSize % MiniSectorSize;
+    FMiniLoaded = false;
+    size_t MiniCount = FMiniSize / MiniSectorSize;
     if (MiniFat.size() > MiniCount) MiniFat.resize(MiniCount);
     FMiniUsed.assign(MiniCount, 0);
 
     // Walk the tree from the root; every entry may be reached once.
-    Entries.assign(NEnt, TEntry());
-    Entries[0] = std::move(Raw[0]);
     Entries[0].Serial = ++FSerial;
     Entries[0].Size = 0;
     Entries[0].Chain.clear();
@@ -463,25 +475,29 @@ class TCfbDoc {
         if (E.Type != ObjStorage && E.Type != ObjStream) return STG_E_DOCFILECORRUPT;
         if (E.Name.empty()) return STG_E_DOCFILECORRUPT;
         std::u16string Key = UpperName(E.Name);
-        if (Entries[Parent].Children.count(Key)) continue;  // a duplicate name: first wins
+        if (Entries[Parent].Children.count(Key)) {
+          Seen[I] = 2;  // a duplicate name: the first wins
+          continue;
+        }
         E.Parent = Parent;
         E.Serial = ++FSerial;
         if (E.Type == ObjStorage) {
           E.Size = 0;
           Storages.push_back({I, Depth + 1});
         } else if (IsMini(E)) {
-          if (Failed(FollowMini(MiniFat, Start[I], (E.Size + 63) / 64, E.Chain))) {
+          if (Failed(FollowMini(MiniFat, Start[I], Units(E.Size, MiniSectorSize), E.Chain))) {
             E.Damaged = true;
             E.Chain.clear();
           }
-        } else if (Failed(FollowFat(Fat, Start[I], (E.Size + SectorSize - 1) / SectorSize, E.Chain))) {
+        } else if (Failed(FollowFat(Fat, Start[I], Units(E.Size, SectorSize), E.Chain))) {
           E.Damaged = true;
           E.Chain.clear();
         }
         Entries[Parent].Children.emplace(std::move(Key), I);
-        Entries[I] = std::move(E);
       }
     }
+    for (size_t I = 1; I < NEnt; ++I)
+      if (Seen[I] != 1) Entries[I] = TEntry();
     FCommitted = FUsed;
     FDirty = false;
     return S_OK;
@@ -511,6 +527,11 @@ class TCfbDoc {
     }
   }
   uint32_t AllocMini() {
+    if (Failed(EnsureMini())) {
+      // Unreadable: continue over zeros rather than over a half state.
+      FMini.assign(FMiniSize, 0);
+      FMiniLoaded = true;
+    }
     size_t N = FMiniUsed.size();
     for (size_t I = FMiniHint; I < N; ++I)
       if (!FMiniUsed[I]) {
@@ -542,7 +563,22 @@ class TCfbDoc {
         uint64_t At = Pos + Done;
         uint32_t Off = static_cast<uint32_t>(At % MiniSectorSize);
         uint32_t Take = static_cast<uint32_t>(std::min<uint64_t>(MiniSectorSize - Off, N - Done));
-        std::memcpy(P + Done, FMini.data() + E.Chain[At / MiniSectorSize] * MiniSectorSize + Off, Take);
+        uint64_t MiniOff = uint64_t(E.Chain[At / MiniSectorSize]) * MiniSectorSize + Off;
+        if (FMiniLoaded) {
+          std::memcpy(P + Done, FMini.data() + MiniOff, Take);
+        } else {
+          // Straight from the file: consecutive mini sectors that lie in
+          // the same sector are one read.
+          size_t Idx = At / MiniSectorSize;
+          uint64_t InSec = MiniOff % SectorSize;
+          while (Take < N - Done && Idx + 1 < E.Chain.size() && E.Chain[Idx + 1] == E.Chain[Idx] + 1 &&
+                 InSec + Take + MiniSectorSize <= SectorSize) {
+            ++Idx;
+            Take = static_cast<uint32_t>(std::min<uint64_t>(Take + MiniSectorSize, N - Done));
+          }
+          HRESULT Hr = File.ReadAt(SectorOffset(FRootChain[MiniOff / SectorSize]) + InSec, P + Done, Take);
+          if (Failed(Hr)) return Hr;
+        }
         Done += Take;
       }
       return S_OK;
@@ -568,6 +604,7 @@ class TCfbDoc {
 
   HRESULT WriteStream(TEntry& E, uint64_t Pos, const void* Buf, uint32_t Len) {
     if (Len == 0) return S_OK;
+    if (Pos + Len < Pos) return STG_E_MEDIUMFULL;
     if (Pos > E.Size) {
       // The gap before the written bytes reads as zero.
       HRESULT Hr = Resize(E, Pos, true);
@@ -578,9 +615,11 @@ class TCfbDoc {
       if (Failed(Hr)) return Hr;
     }
     FDirty = true;
+    HRESULT Hr0;
     const uint8_t* P = static_cast<const uint8_t*>(Buf);
     uint32_t Done = 0;
     if (IsMini(E)) {
+      if (Failed(Hr0 = EnsureMini())) return Hr0;
       while (Done < Len) {
         uint64_t At = Pos + Done;
         uint32_t Off = static_cast<uint32_t>(At % MiniSectorSize);
@@ -636,9 +675,20 @@ class TCfbDoc {
   HRESULT Resize(TEntry& E, uint64_t NewSize, bool ZeroFill) {
     if (Major == 3 && NewSize > 0xFFFFFFFFull) return STG_E_DOCFILETOOLARGE;
     if (NewSize == E.Size) return S_OK;
+    if (NewSize > E.Size && Units(NewSize, SectorSize) > MAXREGSECT) return STG_E_DOCFILETOOLARGE;
+    // Growth the file system cannot hold fails before any allocation.
+    if (NewSize > E.Size + (64u << 20)) {
+      struct statvfs Fs{};
+      if (File.FreeSpace(Fs) && NewSize - E.Size > uint64_t(Fs.f_bavail) * Fs.f_frsize)
+        return STG_E_MEDIUMFULL;
+    }
     FDirty = true;
     bool WasMini = IsMini(E);
     bool NowMini = NewSize < MiniCutoff;
+    if (NowMini) {
+      HRESULT Hr = EnsureMini();
+      if (Failed(Hr)) return Hr;
+    }
     uint64_t OldSize = E.Size;
     if (WasMini != NowMini) {
       // Move across the cut-off through a buffer of at most 4096 bytes.
@@ -762,7 +812,9 @@ class TCfbDoc {
 
   // Writes every changed structure to sectors the saved state does not use,
   // makes it durable, then writes the header that switches to it.
-  HRESULT Save() {
+  // Durable: wait for the disk before and after the header (the order of
+  // the writes alone already protects against a killed process).
+  HRESULT Save(bool Durable = true) {
     HRESULT Hr;
     const uint32_t PerSec = SectorSize / 4;
 
@@ -770,6 +822,7 @@ class TCfbDoc {
     // written to new sectors when it changed.
     size_t MiniCount = FMiniUsed.size();
     while (MiniCount > 0 && !FMiniUsed[MiniCount - 1]) --MiniCount;
+    if ((MiniCount != FMiniUsed.size() || FMiniDirty) && Failed(Hr = EnsureMini())) return Hr;
     if (MiniCount != FMiniUsed.size()) {
       FMiniUsed.resize(MiniCount);
       FMini.resize(MiniCount * MiniSectorSize);
@@ -834,7 +887,7 @@ class TCfbDoc {
       uint32_t Start = ENDOFCHAIN;
       uint64_t Size = E.Size;
       if (E.Type == ObjRoot) {
-        Size = FMini.size();
+        Size = FMiniLoaded ? FMini.size() : FMiniSize;
         if (!FRootChain.empty()) Start = FRootChain[0];
       } else if (E.Type == ObjStorage) {
         Start = 0;
@@ -894,7 +947,7 @@ class TCfbDoc {
       if (Failed(Hr = File.WriteAt(SectorOffset(FDifatSectors[D]), Sec.data(), SectorSize))) return Hr;
     }
     if (Failed(Hr = File.Extend(SectorOffset(static_cast<uint32_t>(FUsed.size()))))) return Hr;
-    if (Failed(Hr = File.Sync())) return Hr;
+    if (Durable && Failed(Hr = File.Sync())) return Hr;
 
     // The header: one write, after everything it points to is durable.
     std::vector<uint8_t> H(SectorSize, 0);
@@ -919,7 +972,7 @@ class TCfbDoc {
     // 4096-byte header sector is zero.
     size_t HLen = File.Size() >= SectorSize ? 512 : SectorSize;
     if (Failed(Hr = File.WriteAt(0, H.data(), HLen))) return Hr;
-    if (Failed(Hr = File.Sync())) return Hr;
+    if (Durable && Failed(Hr = File.Sync())) return Hr;
     FCommitted = FUsed;
     FHint = 0;
     FMiniDirty = false;
@@ -1021,6 +1074,18 @@ class TCfbDoc {
     return S_OK;
   }
 
+  // Brings the mini stream into memory before its first change.
+  HRESULT EnsureMini() {
+    if (FMiniLoaded) return S_OK;
+    std::vector<uint8_t> B(FRootChain.size() * static_cast<size_t>(SectorSize));
+    HRESULT Hr = ReadChain(FRootChain, B.data());
+    if (Failed(Hr)) return Hr;
+    B.resize(FMiniSize);
+    FMini = std::move(B);
+    FMiniLoaded = true;
+    return S_OK;
+  }
+
   static int TreeDepth(size_t N) {
     int D = 0;
     while (N) {
@@ -1052,7 +1117,9 @@ class TCfbDoc {
   std::vector<uint8_t> FUsed;       // sectors in use now
   std::vector<uint8_t> FCommitted;  // sectors in use by the saved state
   size_t FHint = 0;
-  std::vector<uint8_t> FMini;      // the mini stream's contents
+  std::vector<uint8_t> FMini;      // the mini stream's contents, once loaded
+  bool FMiniLoaded = false;
+  uint64_t FMiniSize = 0;          // its size in the file
   std::vector<uint8_t> FMiniUsed;  // mini sectors in use
   size_t FMiniHint = 0;
   bool FMiniDirty = false;
@@ -1405,11 +1472,11 @@ class TCfbStorage : public TInterfacedObject, public IStorage {
     return S_OK;
   }
 
-  HRESULT Commit(uint32_t) override {
+  HRESULT Commit(uint32_t grfCommitFlags) override {
     std::lock_guard<std::recursive_mutex> G(FDoc->Lock);
     if (!Alive()) return STG_E_REVERTED;
     if (!FDoc->Writable || !FDoc->Dirty()) return S_OK;
-    return FDoc->Save();
+    return FDoc->Save(!(grfCommitFlags & STGC_DANGEROUSLYCOMMITMERELYTODISKCACHE));
   }
 
   HRESULT Revert() override {
