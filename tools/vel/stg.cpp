@@ -3,8 +3,9 @@
 //   vel stg ls FILE              one line per element, depth first (below)
 //   vel stg cat FILE PATH        a stream's bytes to stdout
 //   vel stg put FILE PATH SRC    a stream made from file SRC ("-": stdin),
-//                                replacing one of that name; missing
-//                                storages on the way, and the file, are made
+//                                replacing a stream (not a storage) of that
+//                                name; missing storages on the way, and the
+//                                file, are made
 //   vel stg mkdir FILE PATH      every missing storage on PATH
 //   vel stg rm FILE PATH         a stream, or a storage with all it holds
 //   vel stg mv FILE PATH NEWPATH moves or renames an element
@@ -237,6 +238,13 @@ int Put(const std::string& File, const std::string& Path, const std::string& Sou
   IPtr<IStorage> Root = OpenOrCreateFile(File);
   const auto Names = SplitPath(Path);
   IPtr<IStorage> Parent = OpenParent(Root, Names, ReadWrite, true, Path);
+  // STGM_CREATE would replace a storage of that name with the stream.
+  IStorage* Existing = nullptr;
+  if (vel::Succeeded(
+          Parent->OpenStorage(Names.back().c_str(), nullptr, ReadWrite, nullptr, 0, &Existing))) {
+    Existing->_Release();
+    Fail(Path + ": is a storage");
+  }
   IStream* P = nullptr;
   Check(Parent->CreateStream(Names.back().c_str(), ReadWrite | vel::STGM_CREATE, 0, 0, &P), Path);
   IPtr<IStream> S = IPtr<IStream>::Attach(P);
