@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "vel/rtl/StructuredStorage.h"
@@ -903,6 +905,32 @@ TEST(StructuredStorage, RandomlyDamagedFilesNeverCrash) {
     Read(R);
   }
   EXPECT_GT(Opened, 50);
+}
+
+// Objects of one file used from several threads: each call is atomic.
+TEST(StructuredStorage, ThreadsShareOneFile) {
+  std::string File = Scratch() + "/th.cfb";
+  IPtr<IStorage> R = CreateFile(File, 512);
+  std::vector<std::thread> Threads;
+  std::atomic<int> Errors{0};
+  for (int T = 0; T < 4; ++T)
+    Threads.emplace_back([&, T] {
+      IPtr<IStream> S;
+      std::u16string N = W("t" + std::to_string(T));
+      if (R->CreateStream(N.c_str(), RW, 0, 0, Out(S)) != S_OK) ++Errors;
+      std::vector<uint8_t> B = Content(9000, T);
+      for (size_t Pos = 0; Pos < B.size(); Pos += 300) {
+        if (S->Write(B.data() + Pos, 300, nullptr) != S_OK) ++Errors;
+        IPtr<IEnumSTATSTG> E;
+        if (R->EnumElements(0, nullptr, 0, Out(E)) != S_OK) ++Errors;
+      }
+    });
+  for (auto& T : Threads) T.join();
+  EXPECT_EQ(Errors.load(), 0);
+  R = nullptr;
+  TModel M;
+  for (int T = 0; T < 4; ++T) M.Streams["t" + std::to_string(T)] = Content(9000, T);
+  EXPECT_EQ(EngineListing(File), M.Listing());
 }
 
 }  // namespace stgtest

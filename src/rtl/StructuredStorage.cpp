@@ -1743,9 +1743,13 @@ HRESULT CreateDoc(const char16_t* pwcsName, uint32_t grfMode, uint32_t Sector, I
     if (Failed(Hr = Doc->File.Open(Doc->Path, Flags))) return Hr;
   }
   if (Failed(Hr = Doc->File.Lock(true))) return Hr;
-  if (Failed(Hr = Doc->File.Truncate())) return Hr;
+  // A new file is not truncated: on some file systems a truncated file is
+  // flushed to disk when it is closed.
+  if (Doc->File.Size() != 0 && Failed(Hr = Doc->File.Truncate())) return Hr;
   Doc->InitEmpty(Sector);
-  if (Failed(Hr = Doc->Save())) return Hr;
+  // The empty state is written for a reader that comes before the first
+  // commit; the first commit makes it durable.
+  if (Failed(Hr = Doc->Save(false))) return Hr;
   IPtr<IStorage> R(new TCfbStorage(Doc, 0, grfMode & ~STGM_CREATE, true));
   *ppstg = R.Detach();
   return S_OK;
