@@ -110,6 +110,21 @@ TEST_F(StoragePaths, AddDeleteAndSplitting) {
   EXPECT_EQ(Tree(), (TNames{"1:Clients"}));
 }
 
+TEST_F(StoragePaths, WalksStopDescendingAtTheDepthLimit) {
+  std::string Deep = "L";
+  for (int I = 1; I < MaxStorageDepth + 8; ++I) Deep += "\\L";
+  AddPath(Root.get(), Deep);
+  int Deepest = 0, Count = 0;
+  Root->ForEach(
+      [&](TObject*, const TElementInfo& I, bool&) {
+        Deepest = std::max(Deepest, I.Depth);
+        ++Count;
+      },
+      true);
+  EXPECT_EQ(Deepest, MaxStorageDepth);
+  EXPECT_EQ(Count, MaxStorageDepth);
+}
+
 TEST_F(StoragePaths, ContentsListsStreamsOnly) {
   TStringList L;
   L.Add("old");

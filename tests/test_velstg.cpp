@@ -135,7 +135,7 @@ TEST_F(VelStg, EditingCommandsAndFailures) {
   for (const std::vector<std::string>& Args :
        {std::vector<std::string>{"ls", Dir + "/absent.stg"}, {"ls", Src}, {"cat", File, "Archive"},
         {"cat", File, "A/Missing"}, {"rm", File, "Nothing"}, {"mv", File, "Nothing", "X"},
-        {"cat", File, "/"}}) {
+        {"cat", File, "/"}, {"put", File, "Archive", "-"}}) {
     const TRun R = Run(Args);
     EXPECT_EQ(R.Status, 1) << Args[0] << " " << Args[1];
     EXPECT_EQ(R.Out, "");

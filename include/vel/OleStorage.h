@@ -111,6 +111,12 @@ VEL_API FILETIME LocalDateTimeToFileTime(TDateTime Time);
 // A status record in plain form (Storage and Depth left empty).
 VEL_API TElementInfo TranslateStatStg(const STATSTG& Stat);
 
+// The deepest level RecurseStorage (and so ForEach, Contains and the
+// structure display) descends to: storages below it are reported but not
+// entered, so that a hostile file cannot exhaust the stack. Real files
+// nest a few levels.
+inline constexpr int MaxStorageDepth = 512;
+
 // Called for each element of a walk; clearing Continue stops it.
 using TElementCallback =
     std::function<void(TObject* Sender, const TElementInfo& Info, bool& Continue)>;

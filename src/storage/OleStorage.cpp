@@ -324,7 +324,7 @@ void TOleStorage::RecurseStorage(IStorage* Storage, const TElementCallback& Call
     Info.Storage = Storage;
     Info.Depth = Depth;
     if (Callback) Callback(this, Info, Continue);
-    if (Continue && Recurse && S.type == STGTY_STORAGE) {
+    if (Continue && Recurse && S.type == STGTY_STORAGE && Depth < MaxStorageDepth) {
       IStorage* Sub = nullptr;
       if (Succeeded(Storage->OpenStorage(S.pwcsName.c_str(), nullptr,
                                          stgReadWrite | stgShareExclusive, nullptr, 0, &Sub)) &&

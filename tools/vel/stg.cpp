@@ -3,8 +3,9 @@
 //   vel stg ls FILE              one line per element, depth first (below)
 //   vel stg cat FILE PATH        a stream's bytes to stdout
 //   vel stg put FILE PATH SRC    a stream made from file SRC ("-": stdin),
-//                                replacing one of that name; missing
-//                                storages on the way, and the file, are made
+//                                replacing a stream (not a storage) of that
+//                                name; missing storages on the way, and the
+//                                file, are made
 //   vel stg mkdir FILE PATH      every missing storage on PATH
 //   vel stg rm FILE PATH         a stream, or a storage with all it holds
 //   vel stg mv FILE PATH NEWPATH moves or renames an element
@@ -31,6 +32,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "vel/OleStorage.h"
 #include "vel/rtl/Com.h"
 #include "vel/rtl/Streams.h"
 #include "vel/rtl/StructuredStorage.h"
@@ -154,7 +156,14 @@ void PrintLine(int Depth, const STATSTG& S, const std::string& Name, const std::
               Hash.c_str(), Hex16(S.ctime).c_str(), Hex16(S.mtime).c_str());
 }
 
+// Nesting the commands follow, against stack exhaustion on hostile files.
+void CheckDepth(int Depth) {
+  if (Depth > vel::MaxStorageDepth)
+    Fail(vel::Format("storages nested deeper than %d levels", {vel::MaxStorageDepth}));
+}
+
 void ListStorage(IStorage* Stg, int Depth, uint64_t& Storages, uint64_t& Streams) {
+  CheckDepth(Depth);
   vel::IEnumSTATSTG* E = nullptr;
   Check(Stg->EnumElements(0, nullptr, 0, &E), "enumerate");
   IPtr<vel::IEnumSTATSTG> Enum = IPtr<vel::IEnumSTATSTG>::Attach(E);
@@ -229,6 +238,13 @@ int Put(const std::string& File, const std::string& Path, const std::string& Sou
   IPtr<IStorage> Root = OpenOrCreateFile(File);
   const auto Names = SplitPath(Path);
   IPtr<IStorage> Parent = OpenParent(Root, Names, ReadWrite, true, Path);
+  // STGM_CREATE would replace a storage of that name with the stream.
+  IStorage* Existing = nullptr;
+  if (vel::Succeeded(
+          Parent->OpenStorage(Names.back().c_str(), nullptr, ReadWrite, nullptr, 0, &Existing))) {
+    Existing->_Release();
+    Fail(Path + ": is a storage");
+  }
   IStream* P = nullptr;
   Check(Parent->CreateStream(Names.back().c_str(), ReadWrite | vel::STGM_CREATE, 0, 0, &P), Path);
   IPtr<IStream> S = IPtr<IStream>::Attach(P);
@@ -324,7 +340,8 @@ class TProgress {
   int FDrawn = -1;
 };
 
-uint64_t TotalBytes(IStorage* Stg) {
+uint64_t TotalBytes(IStorage* Stg, int Depth = 1) {
+  CheckDepth(Depth);
   vel::IEnumSTATSTG* E = nullptr;
   Check(Stg->EnumElements(0, nullptr, 0, &E), "enumerate");
   IPtr<vel::IEnumSTATSTG> Enum = IPtr<vel::IEnumSTATSTG>::Attach(E);
@@ -338,7 +355,7 @@ uint64_t TotalBytes(IStorage* Stg) {
       IStorage* P = nullptr;
       Check(Stg->OpenStorage(S.pwcsName.c_str(), nullptr, ReadChild, nullptr, 0, &P),
             DisplayName(S.pwcsName));
-      Sum += TotalBytes(IPtr<IStorage>::Attach(P));
+      Sum += TotalBytes(IPtr<IStorage>::Attach(P), Depth + 1);
     }
     S = STATSTG();
   }
