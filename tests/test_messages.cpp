@@ -95,6 +95,37 @@ TEST(Messages, ThreadQueueExistsFromTheFirstRequestUntilTheThreadEnds) {
   EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
 }
 
+// The queue a creator makes for a thread (as TMsgQueThread does for its
+// worker) takes posts before the thread asks for messages; the thread then
+// finds them there, in order, and the queue still ends with the thread.
+TEST(Messages, AQueueMadeForAThreadTakesPostsBeforeItsFirstRequest) {
+  SetLastError(0);
+  EXPECT_FALSE(detail::CreateThreadQueue(0));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+
+  std::atomic<DWORD> Tid{0};
+  TSimpleEvent Started, Go;
+  std::vector<WPARAM> Got;
+  std::thread Worker([&] {
+    Tid = GetCurrentThreadId();
+    Started.SetEvent();
+    Go.WaitFor();
+    TMsg M;
+    while (GetMessage(&M, 0, 0, 0) > 0) Got.push_back(M.wParam);
+  });
+  Started.WaitFor();
+  ASSERT_TRUE(detail::CreateThreadQueue(Tid));
+  for (WPARAM I = 1; I <= 3; ++I) ASSERT_TRUE(PostThreadMessage(Tid, WM_USER, I, 0));
+  ASSERT_TRUE(detail::CreateThreadQueue(Tid));  // a second call keeps what is queued
+  ASSERT_TRUE(PostThreadMessage(Tid, WM_USER, 4, 0));
+  ASSERT_TRUE(PostThreadMessage(Tid, WM_QUIT, 0, 0));
+  Go.SetEvent();
+  Worker.join();
+  EXPECT_EQ(Got, (std::vector<WPARAM>{1, 2, 3, 4}));
+  EXPECT_FALSE(PostThreadMessage(Tid, WM_USER, 0, 0));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+}
+
 TEST(Messages, PostedMessagesKeepTheirOrderPerQueue) {
   constexpr int PerProducer = 5000;
   std::atomic<DWORD> Tid{0};

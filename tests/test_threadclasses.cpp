@@ -803,7 +803,6 @@ class TGatedWorker : public TMsgQueThread {
   std::atomic<int> Seen{0};
   std::atomic<int> Answered{0};
   std::atomic<bool> DataIntact{true};
-
   // Counts requests without ever reading or answering them (the test
   // answers in the worker's place).
   std::atomic<bool> Ignore{false};

@@ -109,6 +109,11 @@ class TPlain : public TObject {
 VEL_PUBLISHED(TSampleEx, prop("Extra", &TSampleEx::Extra), prop("int", &TSampleEx::Int).defaults(9))
 VEL_IMPLEMENT(TPlain)
 
+// The link check that VEL_CLASS adds (an empty member) takes no storage:
+// objects keep the size, and so the layout, they had without it.
+static_assert(sizeof(tinfo::TPlain) == sizeof(TObject));
+static_assert(sizeof(TPersistent) == sizeof(TObject));
+
 TEST(TypeInfo, KindsOrdinalsAndTypeData) {
   // The ordinals are part of stream formats and bit masks.
   EXPECT_EQ(tkInteger, 1);
