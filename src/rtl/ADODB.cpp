@@ -99,6 +99,18 @@ std::string PercentEncode(const std::string& S) {
   return R;
 }
 
+// UTF-8 to UTF-16, widening plain ASCII directly (the common case of
+// database text) and converting the rest.
+std::u16string TextToWide(const std::string& S) {
+  std::u16string W(S.size(), u'\0');
+  for (size_t I = 0; I < S.size(); ++I) {
+    unsigned char C = static_cast<unsigned char>(S[I]);
+    if (C >= 0x80) return Utf8ToWide(S);
+    W[I] = C;
+  }
+  return W;
+}
+
 bool IsPostgresUri(const std::string& S) {
   std::string L = Lower(S.substr(0, 13));
   return L.rfind("postgresql://", 0) == 0 || L.rfind("postgres://", 0) == 0;
@@ -375,7 +387,7 @@ Variant TADODataSet::Fields(int32_t Index) const {
     }
     case soci::dt_string:
     case soci::dt_xml:
-      return Variant(Utf8ToWide(R.get<std::string>(I)));
+      return Variant(TextToWide(R.get<std::string>(I)));
     case soci::dt_blob:
       break;
   }
