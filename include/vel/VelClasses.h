@@ -3,8 +3,10 @@
 // units it uses.
 #pragma once
 
+#include "vel/rtl/ADODB.h"
 #include "vel/rtl/Classes.h"
 #include "vel/rtl/Com.h"
+#include "vel/rtl/ComObj.h"
 #include "vel/rtl/Components.h"
 #include "vel/rtl/Controls.h"
 #include "vel/rtl/Debug.h"
@@ -38,6 +40,7 @@
 #include "vel/ExtendedInterfaces.h"
 #include "vel/IntfClasses.h"
 #include "vel/OleStorage.h"
+#include "vel/OleUtils.h"
 #include "vel/OpenNewReg.h"
 #include "vel/OptionsReg.h"
 #include "vel/RegistryClasses.h"

@@ -1,0 +1,298 @@
+// COM apartment threads and class factories: entering apartments, an STA
+// thread with a marshalled interface, and factories that serve each object
+// in its own apartment thread.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "vel/OleUtils.h"
+#include "vel/rtl/Messages.h"
+#include "vel/rtl/TypInfo.h"
+
+using namespace vel;
+
+namespace {
+
+APTTYPE CurrentApartment() {
+  APTTYPE T = APTTYPE_CURRENT;
+  int32_t Q = 0;
+  return Succeeded(CoGetApartmentType(&T, &Q)) ? T : APTTYPE_CURRENT;
+}
+
+// Waits for Done while serving the main thread's Synchronize requests.
+bool WaitServing(const std::function<bool()>& Done, int Seconds = 10) {
+  auto End = std::chrono::steady_clock::now() + std::chrono::seconds(Seconds);
+  while (!Done()) {
+    if (std::chrono::steady_clock::now() > End) return false;
+    CheckSynchronize(5);
+  }
+  return true;
+}
+
+bool ThreadAlive(uint32_t Tid) {
+  return std::filesystem::exists("/proc/self/task/" + std::to_string(Tid));
+}
+
+}  // namespace
+
+TEST(InitializeCOM, EntersAndLeavesTheApartmentAsked) {
+  std::vector<std::string> Got;
+  std::thread([&] {
+    InitializeCOM(true, atSTA);
+    Got.push_back(std::to_string(CurrentApartment()));
+    InitializeCOM(false, atSTA);
+    Got.push_back(std::to_string(CurrentApartment()));
+    InitializeCOM(true, atMTA);
+    Got.push_back(std::to_string(CurrentApartment()));
+    InitializeCOM(false, atMTA);
+    try {
+      InitializeCOM(true, static_cast<TApartmentType>(2));
+    } catch (const Exception& E) {
+      Got.push_back(E.Message());
+    }
+    Got.push_back(std::to_string(CurrentApartment()));
+  }).join();
+  EXPECT_EQ(Got, (std::vector<std::string>{std::to_string(APTTYPE_STA),
+                                           std::to_string(APTTYPE_CURRENT),
+                                           std::to_string(APTTYPE_MTA),
+                                           "Apartment type not supported.",
+                                           std::to_string(APTTYPE_CURRENT)}));
+}
+
+namespace {
+
+struct ICallee : IInterface {
+  VEL_INTERFACE_ID("{6C0E6A52-3F7B-4E59-9B8B-4B1F2E7D6A01}")
+  virtual int32_t Call(int32_t Value) = 0;
+};
+
+class TCallee : public TInterfacedObject, public ICallee {
+  VEL_CLASS(TCallee, TInterfacedObject)
+  VEL_INTERFACES(ICallee)
+ public:
+  std::atomic<uint32_t> CalledOn{0};
+  int32_t Call(int32_t Value) override {
+    CalledOn = GetCurrentThreadId();
+    return Value * 2;
+  }
+};
+
+struct TOutcome {
+  std::atomic<bool> Done{false};
+  std::atomic<int32_t> Answer{0};
+  std::atomic<uint32_t> Thread{0};
+  std::atomic<int> Apartment{-9};
+  std::atomic<bool> Executing{false};
+};
+
+class TCallingThread : public TSTAThread {
+  VEL_CLASS(TCallingThread, TSTAThread)
+ public:
+  TCallingThread(TOutcome* Out, IInterface* Callee)
+      : TSTAThread(true, IIDOf<ICallee>, Callee), FOut(Out) {
+    Resume();
+  }
+  explicit TCallingThread(TOutcome* Out) : TSTAThread(true), FOut(Out) { Resume(); }
+  ~TCallingThread() override {
+    StopThread(false);
+    FOut->Done = true;
+  }
+
+ protected:
+  void SafeExecute() override {
+    FOut->Thread = GetCurrentThreadId();
+    FOut->Apartment = CurrentApartment();
+    FOut->Executing = Status().Contains(tsExecuting);
+    if (Intf) FOut->Answer = Intf.As<ICallee>()->Call(21);
+    Terminate();
+  }
+
+ private:
+  TOutcome* FOut;
+};
+
+}  // namespace
+
+VEL_IMPLEMENT(TCallee)
+VEL_IMPLEMENT(TCallingThread)
+
+TEST(STAThread, CallsTheInterfaceMarshalledFromItsCreator) {
+  IPtr<TCallee> Callee(new TCallee);
+  TOutcome Out;
+  new TCallingThread(&Out, static_cast<ICallee*>(Callee.get()));
+  ASSERT_TRUE(WaitServing([&] { return Out.Done.load(); }));
+  EXPECT_EQ(Out.Answer, 42);
+  EXPECT_EQ(Callee->CalledOn, Out.Thread);
+  EXPECT_NE(Out.Thread, GetCurrentThreadId());
+  EXPECT_EQ(Out.Apartment, APTTYPE_STA);
+  EXPECT_TRUE(Out.Executing);
+  // The thread's own reference went with it.
+  EXPECT_EQ(Callee->RefCount(), 1);
+}
+
+TEST(STAThread, WithoutAnInterfaceTheStatusNeverGainsExecuting) {
+  TOutcome Out;
+  new TCallingThread(&Out);
+  ASSERT_TRUE(WaitServing([&] { return Out.Done.load(); }));
+  EXPECT_EQ(Out.Apartment, APTTYPE_STA);
+  EXPECT_FALSE(Out.Executing);
+  EXPECT_EQ(Out.Answer, 0);
+}
+
+TEST(STAThread, MarshallingFailureRaisesInTheConstructor) {
+  // TInterfacedObject answers IInterface only, not ICallee.
+  IPtr<IInterface> Plain(static_cast<IInterface*>(new TInterfacedObject));
+  TOutcome Out;
+  try {
+    new TCallingThread(&Out, Plain);
+    FAIL() << "no exception";
+  } catch (const EOleSysError& E) {
+    EXPECT_EQ(E.ErrorCode(), E_NOINTERFACE);
+  }
+  EXPECT_EQ(Out.Thread, 0u);  // never ran
+}
+
+// ---------------------------------------------------------------------------
+// Factories
+
+namespace {
+
+struct ILedger : IInterface {
+  VEL_INTERFACE_ID("{6C0E6A52-3F7B-4E59-9B8B-4B1F2E7D6A02}")
+  virtual uint32_t CreatedOn() = 0;
+};
+
+struct TLedgerLog {
+  std::mutex Lock;
+  std::vector<std::pair<uint32_t, uint32_t>> Freed;  // (created on, freed on)
+  std::vector<int> Apartments;
+};
+TLedgerLog* LedgerLog = nullptr;
+
+class TLedger : public TComObject, public ILedger {
+  VEL_CLASS(TLedger, TComObject)
+  VEL_INTERFACES(ILedger)
+ public:
+  explicit TLedger(TComObjectFactory* Factory)
+      : TComObject(Factory), FCreatedOn(GetCurrentThreadId()) {
+    std::lock_guard<std::mutex> G(LedgerLog->Lock);
+    LedgerLog->Apartments.push_back(CurrentApartment());
+  }
+  ~TLedger() override {
+    std::lock_guard<std::mutex> G(LedgerLog->Lock);
+    LedgerLog->Freed.emplace_back(FCreatedOn, GetCurrentThreadId());
+  }
+  uint32_t CreatedOn() override { return FCreatedOn; }
+
+ private:
+  uint32_t FCreatedOn;
+};
+
+const TGUID CLSID_Ledger = TGUID::Parse("{6C0E6A52-3F7B-4E59-9B8B-4B1F2E7D6A03}");
+
+class Factories : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    LedgerLog = &Log;
+    ComServer().SetInprocServer(false);
+  }
+  void TearDown() override {
+    ComServer().SetInprocServer(false);
+    LedgerLog = nullptr;
+  }
+  // The three factory classes for one threading model.
+  std::vector<std::unique_ptr<TComObjectFactory>> Make(TThreadingModel Model) {
+    std::vector<std::unique_ptr<TComObjectFactory>> R;
+    R.emplace_back(new TComObjectFactory2(ComServer(), ComClassOf<TLedger>(), CLSID_Ledger,
+                                          "Ledger", "", ciMultiInstance, Model));
+    R.emplace_back(new TTypedComObjectFactory2(ComServer(), ComClassOf<TLedger>(), CLSID_Ledger,
+                                               "Ledger", "", ciMultiInstance, Model));
+    R.emplace_back(new TAutoObjectFactory2(ComServer(), ComClassOf<TLedger>(), CLSID_Ledger,
+                                           "Ledger", "", ciMultiInstance, Model));
+    return R;
+  }
+  size_t FreedCount() {
+    std::lock_guard<std::mutex> G(Log.Lock);
+    return Log.Freed.size();
+  }
+  TLedgerLog Log;
+};
+
+}  // namespace
+
+VEL_IMPLEMENT(TLedger)
+
+TEST_F(Factories, EachObjectLivesInItsOwnApartmentThreadUntilReleased) {
+  const int32_t Objects = ComServer().ObjectCount();
+  for (auto& Factory : Make(tmApartment)) {
+    SCOPED_TRACE(Factory->ClassType()->ClassName());
+    Log.Freed.clear();
+    Log.Apartments.clear();
+    IPtr<ILedger> A, B;
+    ASSERT_EQ(Factory->CreateInstance(nullptr, IIDOf<ILedger>, A.Out()), S_OK);
+    ASSERT_EQ(Factory->CreateInstance(nullptr, IIDOf<ILedger>, B.Out()), S_OK);
+    const uint32_t TA = A->CreatedOn(), TB = B->CreatedOn();
+    EXPECT_NE(TA, TB);
+    EXPECT_NE(TA, GetCurrentThreadId());
+    EXPECT_TRUE(ThreadAlive(TA) && ThreadAlive(TB));
+    EXPECT_EQ(Log.Apartments, (std::vector<int>{APTTYPE_STA, APTTYPE_STA}));
+    EXPECT_EQ(ComServer().LockCount(), 0);
+    EXPECT_EQ(ComServer().ObjectCount(), Objects + 2);
+
+    IPtr<ILedger> Again = A;  // a second outside reference keeps it
+    A = nullptr;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(FreedCount(), 0u);
+    Again = nullptr;
+    ASSERT_TRUE(WaitServing([&] { return FreedCount() == 1; }));
+    ASSERT_TRUE(WaitServing([&] { return !ThreadAlive(TA); }));
+    EXPECT_TRUE(ThreadAlive(TB));
+    B = nullptr;
+    ASSERT_TRUE(WaitServing([&] { return FreedCount() == 2 && !ThreadAlive(TB); }));
+    // Each object was freed by its own apartment thread.
+    EXPECT_EQ(Log.Freed, (std::vector<std::pair<uint32_t, uint32_t>>{{TA, TA}, {TB, TB}}));
+    EXPECT_EQ(ComServer().ObjectCount(), Objects);
+  }
+}
+
+TEST_F(Factories, InProcessOrOtherThreadingModelsCreateOnTheCallingThread) {
+  struct Case {
+    bool Inproc;
+    TThreadingModel Model;
+  };
+  for (const Case& C : {Case{true, tmApartment}, Case{false, tmSingle}, Case{false, tmFree},
+                        Case{false, tmBoth}, Case{false, tmNeutral}}) {
+    ComServer().SetInprocServer(C.Inproc);
+    for (auto& Factory : Make(C.Model)) {
+      IPtr<ILedger> L;
+      ASSERT_EQ(Factory->CreateInstance(nullptr, IIDOf<ILedger>, L.Out()), S_OK);
+      EXPECT_EQ(L->CreatedOn(), GetCurrentThreadId()) << C.Inproc << " " << int(C.Model);
+      L = nullptr;
+      EXPECT_EQ(FreedCount(), Log.Freed.size());
+      // The runtime's failure codes, unchanged.
+      IPtr<IInterface> Outer(static_cast<IInterface*>(new TInterfacedObject));
+      void* Obj = &Obj;
+      EXPECT_EQ(Factory->CreateInstance(Outer, IIDOf<ILedger>, &Obj), CLASS_E_NOAGGREGATION);
+      EXPECT_EQ(Obj, nullptr);
+      EXPECT_EQ(Factory->CreateInstance(nullptr, IIDOf<ICallee>, &Obj), E_NOINTERFACE);
+    }
+  }
+}
+
+TEST_F(Factories, CreationFailuresComeBackFromTheApartmentThread) {
+  const int32_t Objects = ComServer().ObjectCount();
+  for (auto& Factory : Make(tmApartment)) {
+    void* Obj = &Obj;
+    EXPECT_EQ(Factory->CreateInstance(nullptr, IIDOf<ICallee>, &Obj), E_NOINTERFACE);
+    EXPECT_EQ(Obj, nullptr);
+    IPtr<IInterface> Outer(static_cast<IInterface*>(new TInterfacedObject));
+    EXPECT_EQ(Factory->CreateInstance(Outer, IIDOf<ILedger>, &Obj), CLASS_E_NOAGGREGATION);
+    EXPECT_EQ(Factory->CreateInstance(nullptr, IIDOf<ILedger>, nullptr), E_POINTER);
+  }
+  // The object made for the unsupported interface was freed in its thread.
+  ASSERT_TRUE(WaitServing([&] { return ComServer().ObjectCount() == Objects; }));
+  EXPECT_EQ(ComServer().LockCount(), 0);
+}
