@@ -1,5 +1,10 @@
 #include "vel/SimpleXmlParse.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
 #include <memory>
 #include <pugixml.hpp>
@@ -226,6 +231,29 @@ bool WellFormed(const pugi::xml_document& Doc) {
   return Elements == 1;
 }
 
+// The bytes of a regular file. Anything else (a folder, a device, a pipe)
+// is refused: the XML parser's own file loader sizes its buffer from a seek
+// to the end, which such paths answer with nonsense.
+bool ReadRegularFile(const std::string& Path, std::string& Out) {
+  const int Fd = ::open(Path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (Fd < 0) return false;
+  struct stat St;
+  bool Ok = ::fstat(Fd, &St) == 0 && S_ISREG(St.st_mode);
+  if (Ok) {
+    Out.resize(static_cast<size_t>(St.st_size));
+    size_t Done = 0;
+    while (Done < Out.size()) {
+      const ssize_t N = ::read(Fd, Out.data() + Done, Out.size() - Done);
+      if (N < 0 && errno == EINTR) continue;
+      if (N <= 0) break;
+      Done += static_cast<size_t>(N);
+    }
+    Out.resize(Done);  // a file that shrank meanwhile is read as it is now
+  }
+  ::close(Fd);
+  return Ok;
+}
+
 class TXMLDocument : public TInterfacedObject, public IXMLDOMDocument {
   VEL_CLASS(TXMLDocument, TInterfacedObject)
   VEL_INTERFACES(IXMLDOMDocument, IXMLDOMNode)
@@ -237,8 +265,10 @@ class TXMLDocument : public TInterfacedObject, public IXMLDOMDocument {
   bool load(const std::string& Source) override {
     std::string Path;
     auto Doc = std::make_shared<pugi::xml_document>();
-    bool Ok = SourceToPath(Source, Path) &&
-              Doc->load_file(Path.c_str(), ParseOptions, pugi::encoding_auto) && WellFormed(*Doc);
+    std::string Bytes;
+    bool Ok = SourceToPath(Source, Path) && ReadRegularFile(Path, Bytes) &&
+              Doc->load_buffer(Bytes.data(), Bytes.size(), ParseOptions, pugi::encoding_auto) &&
+              WellFormed(*Doc);
     FDoc = Ok ? std::move(Doc) : std::make_shared<pugi::xml_document>();
     return Ok;
   }
