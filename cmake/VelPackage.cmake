@@ -81,6 +81,8 @@ function(vel_add_package Target)
     VERBATIM)
   add_custom_target(${Target}_resources DEPENDS "${Res}")
   add_dependencies(${Target} ${Target}_resources)
+  # New resources relink the package, so that the step below adds them.
+  set_property(TARGET ${Target} APPEND PROPERTY LINK_DEPENDS "${Res}")
   add_custom_command(TARGET ${Target} POST_BUILD
     COMMAND ${CMAKE_OBJCOPY} --remove-section .velrsrc --add-section .velrsrc=${Res}
             $<TARGET_FILE:${Target}>

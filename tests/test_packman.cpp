@@ -205,7 +205,7 @@ TEST(PluginResources, VersionAndPackageInformation) {
   TPackageInfo Info;
   TStrings* L = Info.LookupPackageInfo(File, true);
   ASSERT_EQ(L->Count(), 14);
-  EXPECT_EQ(L->Get(2), "FileVersion=");
+  EXPECT_EQ(L->Get(2), "FileVersion=2.0.0.0");
   EXPECT_EQ(L->Get(10), "PackageDescription=Test plug-in B");
   EXPECT_EQ(L->Get(11), "PackageUsage=Design Time");
   EXPECT_EQ(L->Get(12), "Contains=(PlugB)");
