@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "vel/VelClassesLib.h"
+#include "vel/PackMan.h"
 #include "vel/velThreads.h"
 #include "vel/rtl/System.h"
 
@@ -23,7 +24,9 @@ void Record(const TPackageInfoTable*, const char* Unit, bool Init) {
 const std::vector<std::string> LibraryOrder = {
     "ExtendedClasses", "ExtendedInterfaces", "StreamClasses", "velInterfaces",
     "IntfClasses",     "velIntfClasses",     "ThrdObjLst",    "ExStreams",
-    "velThreads",      "ThreadClasses",      "velStreamRecover", "velVersionInfo"};
+    "velThreads",      "ThreadClasses",      "RegistryClasses", "ComDlgReg",
+    "OpenNewReg",      "CShellReg",          "OptionsReg",    "RttiStrm",
+    "CorRegistry",     "PackMan",            "velStreamRecover", "velVersionInfo"};
 
 TEST(PackageEntry, UnitTableListsTheUnitsInOrder) {
   const TPackageInfoTable* T = GetPackageInfoTable();
@@ -40,6 +43,7 @@ TEST(PackageEntry, FinalizeFreesSingletonsAndInitializeStartsAfresh) {
   ASSERT_TRUE(First);
   First = nullptr;
   ASSERT_TRUE(CurrentThreadManager());
+  ASSERT_TRUE(PackageManager());
 
   SetUnitObserver(&Record);
   Initialize();  // nested: runs nothing
@@ -50,6 +54,7 @@ TEST(PackageEntry, FinalizeFreesSingletonsAndInitializeStartsAfresh) {
   for (auto It = LibraryOrder.rbegin(); It != LibraryOrder.rend(); ++It) Want.push_back("-" + *It);
   EXPECT_EQ(gTrace, Want);
   EXPECT_FALSE(CurrentThreadManager());
+  EXPECT_FALSE(CurrentPackageManager());
   Finalize();  // unmatched: nothing
   EXPECT_EQ(gTrace.size(), Want.size());
 
@@ -59,6 +64,7 @@ TEST(PackageEntry, FinalizeFreesSingletonsAndInitializeStartsAfresh) {
   for (const auto& U : LibraryOrder) Want.push_back("+" + U);
   EXPECT_EQ(gTrace, Want);
   EXPECT_TRUE(ThreadManager());  // re-created on demand
+  EXPECT_TRUE(PackageManager());
   SetUnitObserver(nullptr);
 }
 

@@ -146,10 +146,22 @@ struct VEL_API IApplicationService : IInterface {
   virtual void Terminate() = 0;
 };
 
-// The package manager's service interface; the package operations are
-// declared by the package manager's unit.
+class TComponent;
+
+// The package manager's service interface (PackMan implements it).
 struct VEL_API IPackageManager : IApplicationService {
   VEL_INTERFACE_ID("{A3B85A4A-FE2D-4CB9-B069-FEC56DCE9824}")
+  virtual int32_t GetPackageCount() = 0;
+  virtual std::string GetPackage(int32_t Index) = 0;
+  virtual void Lock() = 0;
+  virtual void Unlock() = 0;
+  virtual int32_t LoadPackageLib(const std::string& Name) = 0;
+  virtual void UnLoadPackageLib(const std::string& Name) = 0;
+  virtual int32_t RegisterLoad(const std::string& Name, TComponent* Owner) = 0;
+  virtual void RegisterUnLoad(TComponent* Owner) = 0;
+  virtual void RegistryLoad(TComponent* Owner) = 0;
+  virtual void RegistryUnLoad() = 0;
+  virtual void DelayUnload(const std::string& Name, int32_t KeyIndex) = 0;
 };
 
 // Serialises work on a shared object across threads.

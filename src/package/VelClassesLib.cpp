@@ -3,6 +3,9 @@
 #include <atomic>
 #include <exception>
 
+#include "vel/CorRegistry.h"
+#include "vel/PackMan.h"
+#include "vel/RttiStrm.h"
 #include "vel/velThreads.h"
 
 namespace vel {
@@ -20,15 +23,21 @@ void Observe(const TPackageInfoTable* Table, const char* Unit, bool Initializing
 void FinalizeVelThreads() {
   ReleaseThreadManager();
 }
+void FinalizeRttiStrm() {
+  ReleaseRTTIStream();
+}
+void FinalizeCorRegistry() {
+  ReleaseCorvaneRegistry();
+}
+void FinalizePackMan() {
+  ReleasePackageManager();
+}
 
 // The units in the order the package initialises them. Units of the suite
 // that this library does not (yet) contain are left out; their place in
-// the order is kept in the comments:
-//   VelUtils, LogonDlg, TextUtils, FileUtils, TreeUtils, CDateUtils,
-//   RegistryClasses, ComDlgReg, OpenNewReg, CShellReg, OptionsReg,
-//   Constants, RttiStrm (RTTIStream), CorRegistry (CorvaneRegistry),
-//   PackMan (PackageManager), VelSnoopUtils, OleUtils, IntfDisp,
-//   SimpleXmlParse, velHash, Cryption, OleStorage.
+// the order is kept in the comments: VelUtils, LogonDlg, TextUtils,
+// FileUtils, TreeUtils, CDateUtils, Constants, VelSnoopUtils, OleUtils,
+// IntfDisp, SimpleXmlParse, velHash, Cryption, OleStorage.
 const TPackageUnitEntry Units[] = {
     // VelUtils
     {"ExtendedClasses", nullptr, nullptr},
@@ -42,10 +51,17 @@ const TPackageUnitEntry Units[] = {
     {"ExStreams", nullptr, nullptr},
     {"velThreads", nullptr, &FinalizeVelThreads},
     {"ThreadClasses", nullptr, nullptr},
-    // TextUtils, FileUtils, TreeUtils, CDateUtils, RegistryClasses,
-    // ComDlgReg, OpenNewReg, CShellReg, OptionsReg, Constants, RttiStrm,
-    // CorRegistry, PackMan, VelSnoopUtils, OleUtils, IntfDisp,
-    // SimpleXmlParse, velHash, Cryption
+    // TextUtils, FileUtils, TreeUtils, CDateUtils
+    {"RegistryClasses", nullptr, nullptr},
+    {"ComDlgReg", nullptr, nullptr},
+    {"OpenNewReg", nullptr, nullptr},
+    {"CShellReg", nullptr, nullptr},
+    {"OptionsReg", nullptr, nullptr},
+    // Constants
+    {"RttiStrm", nullptr, &FinalizeRttiStrm},
+    {"CorRegistry", nullptr, &FinalizeCorRegistry},
+    {"PackMan", nullptr, &FinalizePackMan},
+    // VelSnoopUtils, OleUtils, IntfDisp, SimpleXmlParse, velHash, Cryption
     {"velStreamRecover", nullptr, nullptr},
     // OleStorage
     {"velVersionInfo", nullptr, nullptr},

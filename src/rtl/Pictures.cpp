@@ -166,34 +166,4 @@ void TIcon::Assign(TPersistent* Source) {
   TPersistent::Assign(Source);
 }
 
-std::string FindModuleFile(const std::string& Name) {
-  if (Name.empty()) return {};
-  if (Name.find('/') != std::string::npos) return FileExists(Name) ? Name : std::string();
-  std::vector<std::string> Dirs;
-  if (const char* P = std::getenv("VEL_PACKAGE_PATH")) {
-    std::string_view S(P);
-    while (!S.empty()) {
-      const size_t C = S.find(':');
-      if (C) Dirs.emplace_back(S.substr(0, C));
-      if (C == std::string_view::npos) break;
-      S.remove_prefix(C + 1);
-    }
-  }
-  if (const char* D = std::getenv("VEL_SYSTEM_DIR"); D && *D) {
-    Dirs.emplace_back(D);
-  } else if (const char* X = std::getenv("XDG_DATA_HOME"); X && *X) {
-    Dirs.push_back(std::string(X) + "/velmont/system");
-  } else if (const char* H = std::getenv("HOME"); H && *H) {
-    Dirs.push_back(std::string(H) + "/.local/share/velmont/system");
-  }
-  char Exe[4096];
-  const ssize_t N = ::readlink("/proc/self/exe", Exe, sizeof Exe - 1);
-  if (N > 0) Dirs.push_back(ExtractFileDir(std::string_view(Exe, static_cast<size_t>(N))));
-  for (const std::string& D : Dirs) {
-    const std::string F = IncludeTrailingPathDelimiter(D) + Name;
-    if (FileExists(F)) return F;
-  }
-  return {};
-}
-
 }  // namespace vel

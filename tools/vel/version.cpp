@@ -150,6 +150,10 @@ int WriteRes(const TResArgs& A) {
     if (Eq == std::string::npos) throw CLI::ValidationError("--string", KV + " is not KEY=VALUE");
     T.Strings.emplace_back(KV.substr(0, Eq), KV.substr(Eq + 1));
   }
+  // The FileVersion string follows the file version unless given.
+  bool HasFileVersion = false;
+  for (const auto& KV : T.Strings) HasFileVersion |= KV.first == "FileVersion";
+  if (!HasFileVersion) T.Strings.emplace_back("FileVersion", A.FileVersion);
   V.Tables.push_back(T);
   V.Translations.push_back({T.Language, T.CodePage});
 

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "vel/Export.h"
+#include "vel/rtl/Packages.h"
 #include "vel/rtl/Persistent.h"
 #include "vel/rtl/Resources.h"
 #include "vel/rtl/Streams.h"
@@ -73,12 +74,5 @@ class VEL_API TIcon : public TPersistent {
  private:
   std::vector<uint8_t> FData;
 };
-
-// The file a module name refers to: a name with a '/' is used as it is;
-// otherwise the first existing file of that name in the folders of
-// $VEL_PACKAGE_PATH (colon-separated), the system folder ($VEL_SYSTEM_DIR,
-// else $XDG_DATA_HOME/velmont/system, else ~/.local/share/velmont/system)
-// and the folder of the executable. "" when none exists.
-VEL_API std::string FindModuleFile(const std::string& Name);
 
 }  // namespace vel
