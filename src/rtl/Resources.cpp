@@ -490,8 +490,12 @@ bool VersionBlockFromResource(std::span<const uint8_t> Bytes, uint32_t Len, void
   // VerQueryValueA looks for the signature behind the block: keep it inside
   // the caller's buffer.
   if (Length + 4 > Len) Length = (Len - 4) & ~size_t{1};
+  // Too short to hold a node: an empty block (and no signature, which would
+  // land on the length field itself).
+  if (Length < 6) Length = 0;
   Out[0] = static_cast<uint8_t>(Length);
   Out[1] = static_cast<uint8_t>(Length >> 8);
+  if (Length == 0) return true;
   if (size_t{Len} >= Length * 2 + 4) {
     std::memcpy(Out + Length, AnsiSignature, 4);
     std::memset(Out + Length + 4, 0, Length);

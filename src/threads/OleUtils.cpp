@@ -189,14 +189,16 @@ void TApartmentThread::Execute() {
   TComObject::SetServingCurrentThread(false);
   IPtr<IStream> Stream;
   if (Succeeded(Res)) Res = CoMarshalInterThreadInterfaceInStream(FIID, Obj, reinterpret_cast<IStream**>(Stream.Out()));
+  // Let go of the factory and the outer object before the creator is woken:
+  // once CreateInstance returns, its caller may free the factory.
+  FFactory = nullptr;
+  FUnkOuter = nullptr;
   {
     std::shared_ptr<TApartmentRequest> Request = std::move(FRequest);
     Request->CreateResult = Res;
     Request->Stream = std::move(Stream);
     Request->Semaphore.ReleaseCount(1);
   }
-  FFactory = nullptr;
-  FUnkOuter = nullptr;
 
   if (Succeeded(Res)) {
     while (GetMessageA(&Msg, 0, 0, 0)) {
