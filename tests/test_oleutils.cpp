@@ -129,8 +129,8 @@ TEST(STAThread, CallsTheInterfaceMarshalledFromItsCreator) {
   EXPECT_NE(Out.Thread, GetCurrentThreadId());
   EXPECT_EQ(Out.Apartment, APTTYPE_STA);
   EXPECT_TRUE(Out.Executing);
-  // The thread's own reference went with it.
-  EXPECT_EQ(Callee->RefCount(), 1);
+  // The thread's own reference goes with it (just after it reports done).
+  EXPECT_TRUE(WaitServing([&] { return Callee->RefCount() == 1; }));
 }
 
 TEST(STAThread, WithoutAnInterfaceTheStatusNeverGainsExecuting) {
