@@ -238,8 +238,8 @@ class TScratch {
 // The usual resources of a package: version (one 0409/04E4 table),
 // description and package information.
 inline std::vector<vel::TResSpecEntry> PackageResources(
-    const vel::TVersionResourceSpec& Version, const std::string& Description,
-    const vel::TPackageInfoSpec& Info) {
+    const vel::TVersionResourceDesc& Version, const std::string& Description,
+    const vel::TPackageInfoDesc& Info) {
   using vel::TResId;
   return {{TResId::FromId(vel::RT_VERSION), TResId::FromId(1), 0x0409,
            vel::BuildVersionResource(Version)},
@@ -249,8 +249,8 @@ inline std::vector<vel::TResSpecEntry> PackageResources(
            vel::BuildPackageInfoResource(Info)}};
 }
 
-inline vel::TVersionResourceSpec SampleVersion() {
-  vel::TVersionResourceSpec V;
+inline vel::TVersionResourceDesc SampleVersion() {
+  vel::TVersionResourceDesc V;
   V.FileVersionMS = 0x00020001;
   V.FileVersionLS = 0x00030004;
   V.ProductVersionMS = 0x00020000;

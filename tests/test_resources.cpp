@@ -53,7 +53,7 @@ class ResourceForms : public ::testing::TestWithParam<TForm> {};
 
 TEST_P(ResourceForms, VersionQueriesAnswerAsWindowsDoes) {
   TScratch Dir;
-  TPackageInfoSpec Info;
+  TPackageInfoDesc Info;
   const auto Entries = PackageResources(SampleVersion(), "Product tree package", Info);
   const std::string File = Dir.Write("ProdTree.bpl", Wrap(GetParam(), Entries));
   const size_t ResourceSize = Entries[0].Data.size();
@@ -101,7 +101,7 @@ INSTANTIATE_TEST_SUITE_P(Forms, ResourceForms,
 
 TEST(Resources, StringsComeBackInWindows1252) {
   TScratch Dir;
-  TVersionResourceSpec V;
+  TVersionResourceDesc V;
   V.Tables.push_back({0x0407, 0x04E4,
                       {{"CompanyName", "Caf\xC3\xA9 M\xC3\xBCller \xE2\x82\xAC"},  // Café Müller €
                        {"Comments", "\xCE\xA9 \xF0\x9F\x98\x80!"}}});              // Ω, an emoji
@@ -119,7 +119,7 @@ TEST(Resources, StringsComeBackInWindows1252) {
   EXPECT_EQ(Query(Block, "\\StringFileInfo\\040704e4\\Comments", &Len), "? ?!");
   EXPECT_EQ(Len, 6u);
   // Keys given in Windows-1252 match their UTF-16 form without regard to case.
-  TVersionResourceSpec K;
+  TVersionResourceDesc K;
   K.Tables.push_back({0x0407, 0x04E4, {{"Gr\xC3\xB6\xC3\x9F" "e", "x"}}});  // Größe
   K.Translations.push_back({0x0407, 0x04E4});
   const std::string File2 = Dir.Write(
@@ -245,17 +245,17 @@ TEST(Resources, DirectoryLoopsAreBounded) {
 }
 
 TEST(Resources, PackageInformationWithEveryFlag) {
-  TPackageInfoSpec Spec;
-  Spec.Flags = pfPackageModule | pfDesignOnly | pfRunOnly | pfIgnoreDupUnits;
-  Spec.Requires = {"rtl", "vcl", "VeluBase60"};
-  Spec.Contains = {{"ProdTree", ufMainUnit | ufPackageUnit},
+  TPackageInfoDesc Desc;
+  Desc.Flags = pfPackageModule | pfDesignOnly | pfRunOnly | pfIgnoreDupUnits;
+  Desc.Requires = {"rtl", "vcl", "VeluBase60"};
+  Desc.Contains = {{"ProdTree", ufMainUnit | ufPackageUnit},
                    {"TreeWeak", ufWeakUnit},
                    {"TreeOrg", ufOrgWeakUnit},
                    {"Implicit", ufImplicitUnit},
                    {"Plain", 0}};
-  Spec.PackageName = "ProdTree";
+  Desc.PackageName = "ProdTree";
   auto M = TResourceModule::LoadFromBytes(
-      BuildPE(true, PackageResources(SampleVersion(), "x", Spec)), "ProdTree.bpl");
+      BuildPE(true, PackageResources(SampleVersion(), "x", Desc)), "ProdTree.bpl");
   uint32_t Flags = 0;
   std::vector<std::string> Seen;
   int Marker = 0;
@@ -265,7 +265,7 @@ TEST(Resources, PackageInformationWithEveryFlag) {
                    Seen.push_back(std::to_string(Type) + ":" + Name + ":" +
                                   std::to_string(UnitFlags));
                  });
-  EXPECT_EQ(Flags, Spec.Flags);
+  EXPECT_EQ(Flags, Desc.Flags);
   EXPECT_EQ(Seen, (std::vector<std::string>{"1:rtl:0", "1:vcl:0", "1:VeluBase60:0",
                                             "0:ProdTree:3", "0:TreeWeak:4", "0:TreeOrg:8",
                                             "0:Implicit:16", "0:Plain:0", "2:ProdTree:0"}));

@@ -389,10 +389,10 @@ TEST(StructuredStorage, ReadsAndEditsFilesWrittenByLibgsf) {
   for (unsigned Sector : {512u, 4096u}) {
     std::string Dir = Scratch(), File = Dir + "/gsf.cfb";
     TModel M;
-    std::string Spec;
-    auto D = [&](const std::string& P) { Spec += "D " + P + "\n"; M.Storages.insert(P); };
+    std::string Layout;
+    auto D = [&](const std::string& P) { Layout += "D " + P + "\n"; M.Storages.insert(P); };
     auto S = [&](const std::string& P, size_t Size, unsigned Seed) {
-      Spec += "F " + P + " " + std::to_string(Size) + " " + std::to_string(Seed) + "\n";
+      Layout += "F " + P + " " + std::to_string(Size) + " " + std::to_string(Seed) + "\n";
       M.Streams[P] = Content(Size, Seed);
     };
     D("Clients");
@@ -402,9 +402,9 @@ TEST(StructuredStorage, ReadsAndEditsFilesWrittenByLibgsf) {
     S("Clients/Notes", 4095, 3);
     S("Clients/Big", 200000, 4);
     for (int I = 0; I < 60; ++I) S("n" + std::to_string(I), I * 90, I);
-    std::ofstream(Dir + "/spec") << Spec;
+    std::ofstream(Dir + "/layout") << Layout;
     int St = 0;
-    Shell(std::string(VEL_CFB_GSF_HELPER) + " write " + File + " " + std::to_string(Sector) + " < " + Dir + "/spec", &St);
+    Shell(std::string(VEL_CFB_GSF_HELPER) + " write " + File + " " + std::to_string(Sector) + " < " + Dir + "/layout", &St);
     ASSERT_EQ(St, 0);
     EXPECT_EQ(EngineListing(File), M.Listing()) << Sector;
     {

@@ -30,7 +30,7 @@ std::vector<std::string> Lines(TStrings* S) {
   return R;
 }
 
-std::string VersionFile(const TScratch& Dir, const std::string& Name, const TVersionResourceSpec& V,
+std::string VersionFile(const TScratch& Dir, const std::string& Name, const TVersionResourceDesc& V,
                         bool Plus = false) {
   return Dir.Write(Name, BuildPE(Plus, {{TResId::FromId(RT_VERSION), TResId::FromId(1), 0x0409,
                                          BuildVersionResource(V)}}));
@@ -70,9 +70,9 @@ TEST(VersionInfo, BothClassesReadTheTenStrings) {
 
 TEST(VersionInfo, MessagesNameTheFile) {
   TScratch Dir;
-  TVersionResourceSpec NoTranslation = SampleVersion();
+  TVersionResourceDesc NoTranslation = SampleVersion();
   NoTranslation.Translations.clear();
-  TVersionResourceSpec Short = SampleVersion();
+  TVersionResourceDesc Short = SampleVersion();
   auto ShortBytes = BuildVersionResource(Short);
   // Cut the fixed file information (at offset 40, after the key) to 40
   // bytes and shorten the root by as much.
@@ -100,7 +100,7 @@ TEST(VersionInfo, MessagesNameTheFile) {
 
 TEST(VersionInfo, OnlyTheFirstTranslationEntryIsUsed) {
   TScratch Dir;
-  TVersionResourceSpec V;
+  TVersionResourceDesc V;
   V.Tables.push_back({0x0409, 0x04E4, {{"CompanyName", "English"}, {"Comments", "en"}}});
   V.Tables.push_back({0x0407, 0x04B0, {{"CompanyName", "Deutsch"}}});
   V.Translations = {{0x0407, 0x04B0}, {0x0409, 0x04E4}};
@@ -169,9 +169,9 @@ TEST(PackageInfo, LookupGivesUsageUnitsAndRequirements) {
                {pfDesignOnly | pfRunOnly | pfIgnoreDupUnits, puDesignAndRunTime,
                 "PackageUsage=Design And Run Time"}};
   for (const TCase& C : Cases) {
-    TPackageInfoSpec Spec{C.Flags, {"rtl", "VelClassesLib"}, {{"ProdTree", ufMainUnit}, {"TreeView, Ext", 0}}, "ProdTree"};
+    TPackageInfoDesc Desc{C.Flags, {"rtl", "VelClassesLib"}, {{"ProdTree", ufMainUnit}, {"TreeView, Ext", 0}}, "ProdTree"};
     const std::string File =
-        Dir.Write("ProdTree.bpl", BuildPE(true, PackageResources(SampleVersion(), "Tree \xE2\x82\xAC", Spec)));
+        Dir.Write("ProdTree.bpl", BuildPE(true, PackageResources(SampleVersion(), "Tree \xE2\x82\xAC", Desc)));
     TPackageInfo Info;
     std::vector<std::string> Want = SampleLines;
     Want.push_back("PackageDescription=Tree \x80");

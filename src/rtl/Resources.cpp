@@ -667,25 +667,25 @@ std::u16string Hex8(uint16_t Lang, uint16_t CodePage) {
 
 }  // namespace
 
-std::vector<uint8_t> BuildVersionResource(const TVersionResourceSpec& Spec) {
+std::vector<uint8_t> BuildVersionResource(const TVersionResourceDesc& Desc) {
   std::vector<uint8_t> B;
   Node(B, u"VS_VERSION_INFO", 52, 0, [&] {
     PutU32(B, 0xFEEF04BD);
     PutU32(B, 0x00010000);
-    PutU32(B, Spec.FileVersionMS);
-    PutU32(B, Spec.FileVersionLS);
-    PutU32(B, Spec.ProductVersionMS);
-    PutU32(B, Spec.ProductVersionLS);
+    PutU32(B, Desc.FileVersionMS);
+    PutU32(B, Desc.FileVersionLS);
+    PutU32(B, Desc.ProductVersionMS);
+    PutU32(B, Desc.ProductVersionLS);
     PutU32(B, 0x3F);
-    PutU32(B, Spec.FileFlags);
-    PutU32(B, Spec.FileOS);
-    PutU32(B, Spec.FileType);
+    PutU32(B, Desc.FileFlags);
+    PutU32(B, Desc.FileOS);
+    PutU32(B, Desc.FileType);
     PutU32(B, 0);
     PutU32(B, 0);
     PutU32(B, 0);
-    if (!Spec.Tables.empty())
+    if (!Desc.Tables.empty())
       Node(B, u"StringFileInfo", 0, 1, [&] {
-        for (const auto& T : Spec.Tables)
+        for (const auto& T : Desc.Tables)
           Node(B, Hex8(T.Language, T.CodePage), 0, 1, [&] {
             for (const auto& [Key, Value] : T.Strings) {
               const std::u16string W = Utf8ToWide(Value);
@@ -694,10 +694,10 @@ std::vector<uint8_t> BuildVersionResource(const TVersionResourceSpec& Spec) {
             }
           });
       });
-    if (!Spec.Translations.empty())
+    if (!Desc.Translations.empty())
       Node(B, u"VarFileInfo", 0, 1, [&] {
-        Node(B, u"Translation", static_cast<uint16_t>(Spec.Translations.size() * 4), 0, [&] {
-          for (const auto& [Lang, CodePage] : Spec.Translations) {
+        Node(B, u"Translation", static_cast<uint16_t>(Desc.Translations.size() * 4), 0, [&] {
+          for (const auto& [Lang, CodePage] : Desc.Translations) {
             PutU16(B, Lang);
             PutU16(B, CodePage);
           }
@@ -708,25 +708,25 @@ std::vector<uint8_t> BuildVersionResource(const TVersionResourceSpec& Spec) {
   return B;
 }
 
-std::vector<uint8_t> BuildPackageInfoResource(const TPackageInfoSpec& Spec) {
+std::vector<uint8_t> BuildPackageInfoResource(const TPackageInfoDesc& Desc) {
   std::vector<uint8_t> B;
   auto Str = [&](const std::string& S) {
     B.insert(B.end(), S.begin(), S.end());
     B.push_back(0);
   };
-  PutU32(B, Spec.Flags);
-  PutU32(B, static_cast<uint32_t>(Spec.Requires.size()));
-  for (const auto& R : Spec.Requires) {
+  PutU32(B, Desc.Flags);
+  PutU32(B, static_cast<uint32_t>(Desc.Requires.size()));
+  for (const auto& R : Desc.Requires) {
     B.push_back(0);
     Str(R);
   }
-  PutU32(B, static_cast<uint32_t>(Spec.Contains.size()));
-  for (const auto& [Name, Flags] : Spec.Contains) {
+  PutU32(B, static_cast<uint32_t>(Desc.Contains.size()));
+  for (const auto& [Name, Flags] : Desc.Contains) {
     B.push_back(Flags);
     B.push_back(0);
     Str(Name);
   }
-  if (!Spec.PackageName.empty()) Str(Spec.PackageName);
+  if (!Desc.PackageName.empty()) Str(Desc.PackageName);
   B.push_back(0);
   B.push_back(0);
   return B;

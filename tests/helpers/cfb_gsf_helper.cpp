@@ -47,7 +47,7 @@ static int Write(const char* Path, unsigned Sector) {
       continue;
     }
     unsigned long Size = 0, Seed = 0;
-    if (std::scanf("%lu %lu", &Size, &Seed) != 2) return Fail("spec", nullptr);
+    if (std::scanf("%lu %lu", &Size, &Seed) != 2) return Fail("layout", nullptr);
     GsfOutput* S = gsf_outfile_new_child(Dir, Leaf.c_str(), FALSE);
     std::vector<guint8> Buf(Size);
     for (unsigned long J = 0; J < Size; ++J) Buf[J] = static_cast<guint8>((J * 131 + Seed * 7 + (J >> 8)) & 0xFF);

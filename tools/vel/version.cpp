@@ -138,11 +138,11 @@ uint16_t Hex16(const std::string& S) {
 
 int WriteRes(const TResArgs& A) {
   using vel::TResId;
-  vel::TVersionResourceSpec V;
+  vel::TVersionResourceDesc V;
   ParseVersion(A.FileVersion, V.FileVersionMS, V.FileVersionLS);
   ParseVersion(A.ProductVersion.empty() ? A.FileVersion : A.ProductVersion, V.ProductVersionMS,
                V.ProductVersionLS);
-  vel::TVersionResourceSpec::TTable T;
+  vel::TVersionResourceDesc::TTable T;
   T.Language = Hex16(A.Language);
   T.CodePage = Hex16(A.CodePage);
   for (const std::string& KV : A.Strings) {
@@ -157,7 +157,7 @@ int WriteRes(const TResArgs& A) {
   V.Tables.push_back(T);
   V.Translations.push_back({T.Language, T.CodePage});
 
-  vel::TPackageInfoSpec P;
+  vel::TPackageInfoDesc P;
   P.Flags = vel::pfPackageModule;
   if (A.Usage == "design") P.Flags |= vel::pfDesignOnly;
   else if (A.Usage == "run") P.Flags |= vel::pfRunOnly;

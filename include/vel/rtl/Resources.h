@@ -171,7 +171,7 @@ VEL_API void GetPackageInfo(const TResourceModule& Module, void* Param, uint32_t
 
 // Builders of the same structures, used by the tools that make packages and
 // by tests. VersionStrings are (key, value) pairs in UTF-8.
-struct TVersionResourceSpec {
+struct TVersionResourceDesc {
   uint32_t FileVersionMS = 0, FileVersionLS = 0, ProductVersionMS = 0, ProductVersionLS = 0;
   uint32_t FileFlags = 0, FileOS = 0x40004, FileType = 2;
   // One string table per (language, code page); Translations lists the
@@ -184,14 +184,14 @@ struct TVersionResourceSpec {
   std::vector<TTable> Tables;
   std::vector<std::pair<uint16_t, uint16_t>> Translations;
 };
-VEL_API std::vector<uint8_t> BuildVersionResource(const TVersionResourceSpec& Spec);
-struct TPackageInfoSpec {
+VEL_API std::vector<uint8_t> BuildVersionResource(const TVersionResourceDesc& Desc);
+struct TPackageInfoDesc {
   uint32_t Flags = pfPackageModule;
   std::vector<std::string> Requires;
   std::vector<std::pair<std::string, uint8_t>> Contains;  // unit name, unit flags
   std::string PackageName;                                // written when not empty
 };
-VEL_API std::vector<uint8_t> BuildPackageInfoResource(const TPackageInfoSpec& Spec);
+VEL_API std::vector<uint8_t> BuildPackageInfoResource(const TPackageInfoDesc& Desc);
 // UTF-16 text with its NUL, as the "DESCRIPTION" resource holds it.
 VEL_API std::vector<uint8_t> BuildDescriptionResource(std::string_view Utf8Text);
 // A .res file of the given resources (type, name, language, data).
