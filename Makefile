@@ -1,7 +1,7 @@
 # Wraps the CMake presets in the few commands a developer needs:
 #   make demo   install missing Debian packages, build, run the example
 #   make test   the same, then the whole test suite
-# Other targets: asan-test, tsan-test, fuzz-smoke, bench, install, clean.
+# Other targets: asan-test, tsan-test, coverage, fuzz-smoke, bench, install, clean.
 
 # Debian packages the build needs. Add new build dependencies here (and find
 # them in cmake/VelDependencies.cmake).
@@ -33,7 +33,7 @@ export CCACHE_BASEDIR ?= $(CURDIR)
 export CCACHE_NOHASHDIR ?= 1
 endif
 
-.PHONY: all deps build demo test asan-test tsan-test fuzz-smoke bench install clean
+.PHONY: all deps build demo test asan-test tsan-test coverage fuzz-smoke bench install clean
 
 all: build
 
@@ -104,6 +104,31 @@ tsan-test: deps
 	  $(CTEST) --preset tsan; \
 	fi
 
+# Line and branch coverage of src/ by the whole suite, in its own tree. Counts
+# from an earlier run are cleared first; gcovr reads them once into a JSON
+# tracefile, from which the per-file tables and the HTML report are made.
+# Branches that only exist for exceptions the compiler might throw are left
+# out: they would swamp the branches of the code itself.
+COVERAGE_DIR := build-coverage/coverage
+GCOVR_FILTER := --root . --filter 'src/'
+coverage: deps
+	$(call configure,coverage,build-coverage)
+	$(CMAKE) --build build-coverage -j$(JOBS)
+	find build-coverage -name '*.gcda' -delete
+	$(CTEST) --preset coverage
+	mkdir -p $(COVERAGE_DIR)
+	gcovr $(GCOVR_FILTER) --object-directory build-coverage -j $(JOBS) \
+	  --exclude-unreachable-branches --exclude-throw-branches \
+	  --json $(COVERAGE_DIR)/coverage.json
+	gcovr $(GCOVR_FILTER) -a $(COVERAGE_DIR)/coverage.json \
+	  --txt $(COVERAGE_DIR)/lines.txt
+	gcovr $(GCOVR_FILTER) -a $(COVERAGE_DIR)/coverage.json \
+	  --branches --txt $(COVERAGE_DIR)/branches.txt
+	gcovr $(GCOVR_FILTER) -a $(COVERAGE_DIR)/coverage.json \
+	  --html-details $(COVERAGE_DIR)/index.html --print-summary
+	@cat $(COVERAGE_DIR)/lines.txt $(COVERAGE_DIR)/branches.txt
+	@echo "coverage: HTML report at $(COVERAGE_DIR)/index.html"
+
 fuzz-smoke: deps
 	$(call configure,fuzz,build-fuzz)
 	$(CMAKE) --build build-fuzz -j$(JOBS)
@@ -122,4 +147,4 @@ install: build
 	@if [ "$$(id -u)" = 0 ] && command -v ldconfig >/dev/null 2>&1; then ldconfig; fi
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz
+	rm -rf build build-asan build-tsan build-fuzz build-coverage

@@ -57,6 +57,8 @@ foreach(Rel
     "${VEL_LIBDIR}/cmake/VelClasses/VelClassesConfig.cmake"
     "${VEL_LIBDIR}/cmake/VelClasses/VelClassesConfigVersion.cmake"
     "${VEL_LIBDIR}/cmake/VelClasses/VelClassesTargets.cmake"
+    "${VEL_LIBDIR}/cmake/VelClasses/VelPackage.cmake"
+    "bin/vel"
     "${VEL_LIBDIR}/pkgconfig/velclasses.pc")
   if(NOT EXISTS "${Prefix}/${Rel}")
     message(FATAL_ERROR "not installed: ${Rel}")
@@ -103,6 +105,24 @@ endif()
 run_step("build consumer" "${CMAKE_COMMAND}" --build "${ConsumerBuild}")
 run_step("run consumer" "${ConsumerBuild}/consumer")
 expect_output("find_package consumer" "${RUN_OUTPUT}")
+
+# The plug-in the consumer built with vel_add_package carries its resources:
+# the installed tool reads its version and its package information.
+run_step("vel version on the consumer's plug-in" "${Prefix}/bin/vel" version
+         "${ConsumerBuild}/ConsumerTree.bpl")
+foreach(Line "FileVersion=3.1.4.1" "CompanyName=Velmont")
+  string(FIND "${RUN_OUTPUT}" "${Line}" Found)
+  if(Found EQUAL -1)
+    message(FATAL_ERROR "vel version printed no ${Line}:\n${RUN_OUTPUT}")
+  endif()
+endforeach()
+run_step("vel package on the consumer's plug-in" "${Prefix}/bin/vel" package
+         "${ConsumerBuild}/ConsumerTree.bpl")
+string(FIND "${RUN_OUTPUT}" "ConsumerTree" Found)
+if(Found EQUAL -1)
+  message(FATAL_ERROR "vel package did not list the unit ConsumerTree:\n${RUN_OUTPUT}")
+endif()
+message(STATUS "installed vel_add_package: ConsumerTree.bpl carries its resources")
 
 if(VEL_OBJDUMP)
   run_step("objdump" "${VEL_OBJDUMP}" -p "${ConsumerBuild}/consumer")
