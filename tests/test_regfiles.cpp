@@ -103,7 +103,7 @@ TEST_F(RegFiles, ExportBytesAndRoundTripInBothForms) {
   }
   // The file form writes the same bytes.
   ExportRegFile(HKEY_CURRENT_USER, "Software\\X", Dir + "/out.reg", TRegFileFormat::Version5);
-  EXPECT_EQ(std::filesystem::file_size(Dir + "/out.reg"), Sample(TRegFileFormat::Version5).size());
+  EXPECT_EQ(ReadFile(Dir + "/out.reg"), Sample(TRegFileFormat::Version5));
   EXPECT_THROW(ExportRegText(HKEY_CURRENT_USER, "Software\\Nothing", TRegFileFormat::Version5),
                ERegistryException);
 }
