@@ -19,20 +19,12 @@ namespace {
 
 enum class TForm { PE32, PE32Plus, Elf64, Elf32BE, Res };
 
+// The entries in the file form Form: a .res file as is, or inside a module.
 Bytes Wrap(TForm Form, const std::vector<TResSpecEntry>& Entries) {
-  switch (Form) {
-    case TForm::PE32:
-      return BuildPE(false, Entries);
-    case TForm::PE32Plus:
-      return BuildPE(true, Entries);
-    case TForm::Elf64:
-      return BuildElf(true, BuildResFile(Entries));
-    case TForm::Elf32BE:
-      return BuildElf(false, BuildResFile(Entries));
-    case TForm::Res:
-      return BuildResFile(Entries);
-  }
-  return {};
+  if (Form == TForm::PE32 || Form == TForm::PE32Plus)
+    return BuildPE(Form == TForm::PE32Plus, Entries);
+  if (Form == TForm::Res) return BuildResFile(Entries);
+  return BuildElf(Form == TForm::Elf64, BuildResFile(Entries));
 }
 
 // The version block of a file, read as applications read it.
@@ -120,9 +112,7 @@ TEST(Resources, StringsComeBackInWindows1252) {
                       0x04E4,
                       {{"CompanyName", "Caf\xC3\xA9 M\xC3\xBCller \xE2\x82\xAC"},  // Café Müller €
                        {"Comments", "\xCE\xA9 \xF0\x9F\x98\x80!"},                 // Ω, an emoji
-                       {"Gr\xC3\xB6\xC3\x9F"
-                        "e",
-                        "x"}}});  // Größe
+                       {"Gr\u00F6\u00DFe", "x"}}});                                // Größe
   V.Translations.push_back({0x0407, 0x04E4});
   std::vector<uint8_t> Block = ReadBlock(Dir.Write("a.dll", VersionPE(false, V, 0x0407)));
   uint32_t Len = 0;
@@ -134,10 +124,7 @@ TEST(Resources, StringsComeBackInWindows1252) {
   EXPECT_EQ(Query(Block, "\\StringFileInfo\\040704e4\\Comments", &Len), "? ?!");
   EXPECT_EQ(Len, 6u);
   // Keys given in Windows-1252 match their UTF-16 form without regard to case.
-  EXPECT_EQ(Query(Block,
-                  "\\StringFileInfo\\040704e4\\GR\xD6\xDF"
-                  "E"),
-            "x");
+  EXPECT_EQ(Query(Block, "\\StringFileInfo\\040704e4\\GR\xD6\xDF\x45"), "x");  // "GRÖßE"
 }
 
 TEST(Resources, ShortBuffersNeverReadOrWriteOutside) {

@@ -216,8 +216,8 @@ TEST_F(RttiStream, ConfigWriteReplacesTextKeepsTheRestAndNeverAddsElements) {
   const std::string In =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<!-- suite settings -->\r\n<Settings>\r\n"
       "\t<Window a=\"1\">\r\n\t\t<Width>1</Width>\r\n\t\t<Caption><b>old</b> text</Caption>\r\n"
-      "\t\t<Font><Size>1</Size></Font><Dock/><Visible>0</Visible>\r\n\t</Window>\r\n</"
-      "Settings>\r\n";
+      "\t\t<Font><Size>1</Size></Font><Dock/><Visible>0</Visible>\r\n"
+      "\t</Window>\r\n</Settings>\r\n";
   PutConfig(In);
   TWindowSet W;
   W.Width = -20;
@@ -258,8 +258,8 @@ TEST_F(RttiStream, ConfigInWindows1252StaysWindows1252) {
 // the nested objects fail once more as a whole.
 TEST_F(RttiStream, ConfigKeyIsAnXPathBelowTheDocumentElement) {
   PutConfig(
-      "<R><Apps><App id=\"a\"><Width>1</Width></App><App "
-      "id=\"b\"><Width>2</Width></App></Apps></R>");
+      "<R><Apps><App id=\"a\"><Width>1</Width></App>"
+      "<App id=\"b\"><Width>2</Width></App></Apps></R>");
   TWindowSet W;
   EXPECT_EQ(S->StreamConfigToProps("Apps/App[@id='b']", &W, false), 0);
   EXPECT_EQ(W.Width, 2);
