@@ -3,11 +3,9 @@
 // the export, the module list and the singleton.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
+#include "TestSupport.h"
 #include "vel/CorRegistry.h"
 #include "vel/RttiStrm.h"
 #include "vel/rtl/Messages.h"
@@ -16,21 +14,15 @@
 #include "vel/rtl/SysUtils.h"
 
 using namespace vel;
+using namespace vel_test;
 
 namespace {
 
-class CorvaneRegistryTest : public ::testing::Test {
+// Dialogs answer OK; the singleton is released and the currency string
+// restored after each case.
+class CorvaneRegistryTest : public ScratchTest {
  protected:
   void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_correg_XXXXXX";
-    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
-    DataDir = Dir + "/data";
-    ::setenv("VEL_DATA_DIR", DataDir.c_str(), 1);
-    ::setenv("VEL_SYSTEM_DIR", (Dir + "/system").c_str(), 1);
-    ::setenv("VEL_REGISTRY_DIR", (Dir + "/registry").c_str(), 1);
     SavedSink = SetDialogSink([](const std::string&, const std::string&, UINT) { return IDOK; });
     SavedCurrency = FormatSettings.CurrencyString;
   }
@@ -38,27 +30,17 @@ class CorvaneRegistryTest : public ::testing::Test {
     ReleaseCorvaneRegistry();
     FormatSettings.CurrencyString = SavedCurrency;
     SetDialogSink(SavedSink);
-    std::error_code Ec;
-    std::filesystem::remove_all(Dir, Ec);
   }
-  void PutConfig(const std::string& Xml) {
-    std::filesystem::create_directories(DataDir + "/Misc");
-    std::ofstream(DataDir + "/Misc/Corvane.config", std::ios::binary) << Xml;
-  }
-  static std::string Get(const std::string& Path) {
-    std::ifstream F(Path, std::ios::binary);
-    std::stringstream B;
-    B << F.rdbuf();
-    return B.str();
-  }
-  static void PutReg(HKEY Root, const std::string& Key, const std::string& Name, const std::string& Value) {
+  void PutConfig(const std::string& Xml) const { WriteFile(DataDir + "/Misc/Corvane.config", Xml); }
+  static void PutReg(HKEY Root, const std::string& Key, const std::string& Name,
+                     const std::string& Value) {
     TRegistry R;
     R.SetRootKey(Root);
     ASSERT_TRUE(R.OpenKey(Key, true));
     R.WriteString(Name, Value);
   }
 
-  std::string Dir, DataDir, SavedCurrency;
+  std::string SavedCurrency;
   TDialogSink SavedSink;
 };
 
@@ -95,35 +77,33 @@ class TRecording : public TCorvaneRegistry {
 
 }  // namespace
 
+// The values the cases look at, in one line.
+std::string Values(TCorvaneRegistry& R) {
+  return R.Version + "|" + std::to_string(R.UpdateStart) + "|" + R.ProviderDB() + "|" +
+         R.ListsDB() + "|" + R.ApplicationDB + "|" + std::to_string(R.RestrictMaxCorVersion) + "|" +
+         R.Shell()->ProductTree()->Module + "|" + R.Shell()->ProductTree()->Version + "|" +
+         R.Dialogs()->FatalDialog()->Caption + "|" + R.Dialogs()->SignOffDialog()->Module;
+}
+
 TEST_F(CorvaneRegistryTest, SingletonReadsTheConfigurationFile) {
   {
     // No file: everything keeps its initial value.
     TCorvaneRegistry Bare(nullptr, stConfigFile);
     EXPECT_EQ(Bare.Storage()->Location(), "Corvane");
-    EXPECT_EQ(Bare.Version + Bare.ProviderDB() + Bare.Shell()->ProductTree()->Module, "");
-    EXPECT_FALSE(Bare.UpdateStart);
-    EXPECT_EQ(Bare.RestrictMaxCorVersion, 0);
+    EXPECT_EQ(Values(Bare), "|0||||0||||");
   }
   PutConfig(ConfigXml);
   FormatSettings.CurrencyString = " \x80 ";
   TCorvaneRegistry* R = CorvaneRegistry();
   EXPECT_EQ(R, TCorvaneRegistry::CorvaneRegistry());
   EXPECT_EQ(R->StorageType(), stConfigFile);
-  EXPECT_EQ(R->Version, "7.2");
-  EXPECT_TRUE(R->UpdateStart);
-  EXPECT_EQ(R->ProviderDB(), DataDir + "\\prov.mdb");
-  EXPECT_EQ(R->ApplicationDB, "[DataPath]\\app.mdb");
-  EXPECT_EQ(R->RestrictMaxCorVersion, 3);
+  EXPECT_EQ(Values(*R),
+            "7.2|1|" + DataDir + "\\prov.mdb||[DataPath]\\app.mdb|3|tree.so|1.1|Fatal|");
   EXPECT_EQ(R->GetCurrencyStr(), "\x80");  // the stored "DM" is dropped
-  EXPECT_EQ(R->Shell()->ProductTree()->Module, "tree.so");
-  EXPECT_EQ(R->Shell()->ProductTree()->Version, "1.1");
-  EXPECT_EQ(R->Dialogs()->FatalDialog()->Caption, "Fatal");
   // Freed and made again on the next call; the destructor writes nothing.
   delete R;
   EXPECT_FALSE(std::filesystem::exists(Dir + "/system/Misc/Corvane.config"));
-  TCorvaneRegistry* Again = CorvaneRegistry();
-  EXPECT_NE(Again, nullptr);
-  EXPECT_EQ(Again->Version, "7.2");
+  EXPECT_EQ(CorvaneRegistry()->Version, "7.2");
 }
 
 TEST_F(CorvaneRegistryTest, DataPathIsReplacedOnceAndOnlyByThreeSetters) {
@@ -160,15 +140,14 @@ TEST_F(CorvaneRegistryTest, RegKeyReadsFromLocalMachineAndClearsFileName) {
   EXPECT_EQ(R.StorageType(), stDataFile);
   R.SetRegKey("Software\\Velmont\\Corvane");
   EXPECT_EQ(R.StorageType(), stRegistry);
-  EXPECT_EQ(R.Version, "8.0");
-  EXPECT_EQ(R.DocumentPath, "/srv/docs");
-  EXPECT_EQ(R.Shell()->Advisor()->Module, "adv.so");
-  EXPECT_EQ(R.FileName(), "");
+  EXPECT_EQ(R.Version + R.DocumentPath + R.Shell()->Advisor()->Module + R.FileName(),
+            "8.0/srv/docsadv.so");
   // The storage was made while the old location was still set: each setter
   // stores, switches and reads, and only then clears the other location.
   EXPECT_EQ(R.Log, (std::vector<std::string>{
                        "stDataFile file=" + Dir + "/none.dat reg= config=Corvane",
-                       "stRegistry file=" + Dir + "/none.dat reg=Software\\Velmont\\Corvane config=Corvane"}));
+                       "stRegistry file=" + Dir +
+                           "/none.dat reg=Software\\Velmont\\Corvane config=Corvane"}));
   // The same key again does nothing.
   R.Version = "changed";
   R.SetRegKey("Software\\Velmont\\Corvane");
@@ -191,15 +170,13 @@ TEST_F(CorvaneRegistryTest, ConfigKeySwitchesAndSetsTheFileNameAfterReading) {
   EXPECT_EQ(R.Log, std::vector<std::string>{"stConfigFile file= reg= config=Other"});
   // Values the new store lacks stay as they were.
   R.SetConfigKey("Corvane");
-  EXPECT_EQ(R.Version, "7.2");
-  EXPECT_EQ(R.Shell()->ProductTree()->Module, "tree.so");
+  EXPECT_EQ(R.Version + R.Shell()->ProductTree()->Module, "7.2tree.so");
   R.SetConfigKey("Other");
-  EXPECT_EQ(R.Version, "9");
-  EXPECT_EQ(R.Shell()->ProductTree()->Module, "tree.so");
+  EXPECT_EQ(R.Version + R.Shell()->ProductTree()->Module, "9tree.so");
 }
 
 TEST_F(CorvaneRegistryTest, DataFileRoundTripAndDamage) {
-  std::string File = Dir + "/corvane.dat";
+  const std::string File = Dir + "/corvane.dat";
   {
     TCorvaneRegistry A(nullptr, stConfigFile);
     A.Version = "5.1";
@@ -210,20 +187,14 @@ TEST_F(CorvaneRegistryTest, DataFileRoundTripAndDamage) {
     A.Dialogs()->SignOffDialog()->Module = "signoff.so";
     TFileStorage(File).SaveRegistryData(&A);
   }
-  TCorvaneRegistry B(nullptr, stConfigFile);
+  TCorvaneRegistry B(nullptr, stConfigFile), C(nullptr, stConfigFile);
   B.SetFileName(File);
   EXPECT_EQ(B.StorageType(), stDataFile);
-  EXPECT_EQ(B.Version, "5.1");
-  EXPECT_TRUE(B.UpdateStart);
-  EXPECT_EQ(B.RestrictMaxCorVersion, 42);
-  EXPECT_EQ(B.ListsDB(), "/lists.db");
-  EXPECT_EQ(B.Dialogs()->SignOffDialog()->Module, "signoff.so");
-
+  EXPECT_EQ(Values(B), "5.1|1||/lists.db||42||||signoff.so");
   // A missing file reads nothing; a damaged one raises out of the setter.
-  TCorvaneRegistry C(nullptr, stConfigFile);
   EXPECT_NO_THROW(C.SetFileName(Dir + "/missing.dat"));
-  std::string Bytes = Get(File);
-  std::ofstream(Dir + "/cut.dat", std::ios::binary) << Bytes.substr(0, Bytes.size() / 2);
+  const std::string Bytes = ReadFile(File);
+  WriteFile(Dir + "/cut.dat", Bytes.substr(0, Bytes.size() / 2));
   EXPECT_THROW(C.SetFileName(Dir + "/cut.dat"), Exception);
   // Writing where no file can be made raises the creation error.
   EXPECT_THROW(TFileStorage(Dir + "/no/dir/x.dat").SaveRegistryData(&C), EFCreateError);
@@ -241,18 +212,21 @@ TEST_F(CorvaneRegistryTest, SaveAsRegFileNeedsARegistryKey) {
   PutReg(HKEY_CURRENT_USER, "Software\\Velmont\\Corvane", "Version", "6.5");
   R.SetRegKey("Software\\Velmont\\Corvane");
   R.SaveAsRegFile(Out, false);
-  std::string Text = Get(Out);
-  EXPECT_EQ(Text.rfind("REGEDIT4\r\n\r\n[Software\\Velmont\\Corvane\\Software\\Velmont\\Corvane]\r\n\r\n"
-                       "[Software\\Velmont\\Corvane\\]\r\n\"ApplicationDB\"=\"\"\r\n",
-                       0),
-            0u)
+  std::string Text = ReadFile(Out);
+  EXPECT_EQ(
+      Text.rfind("REGEDIT4\r\n\r\n[Software\\Velmont\\Corvane\\Software\\Velmont\\Corvane]\r\n\r\n"
+                 "[Software\\Velmont\\Corvane\\]\r\n\"ApplicationDB\"=\"\"\r\n",
+                 0),
+      0u)
       << Text;
   // The export reads HKEY_CURRENT_USER; the nested settings objects have
   // their own sections after the owner's values.
   EXPECT_NE(Text.find("\"Version\"=\"6.5\"\r\n"), std::string::npos);
-  EXPECT_NE(Text.find("\r\n\r\n[Software\\Velmont\\Corvane\\Dialogs\\FatalDialog\\]\r\n"
-                      "\"Caption\"=\"\"\r\n\"Module\"=\"\"\r\n\"PackageClass\"=\"\"\r\n\"Version\"=\"\"\r\n"),
-            std::string::npos);
+  EXPECT_NE(
+      Text.find(
+          "\r\n\r\n[Software\\Velmont\\Corvane\\Dialogs\\FatalDialog\\]\r\n"
+          "\"Caption\"=\"\"\r\n\"Module\"=\"\"\r\n\"PackageClass\"=\"\"\r\n\"Version\"=\"\"\r\n"),
+      std::string::npos);
 
   // An existing data file (FileName, relative to the working folder after
   // SetConfigKey) blocks the export unless Overwrite is set.
@@ -272,25 +246,25 @@ TEST_F(CorvaneRegistryTest, SaveAsRegFileNeedsARegistryKey) {
 
 TEST_F(CorvaneRegistryTest, AllModulesInfoListsThirteenModulesInOrder) {
   TCorvaneRegistry R(nullptr, stConfigFile);
-  TRegPackage* Packages[] = {R.Shell()->ProductTree(), R.Shell()->MessageView(),
-                             R.Shell()->Marketing(),   R.Shell()->Advisor(),
-                             R.Shell()->ImportApp(),   R.Shell()->ExportApp(),
-                             R.Shell()->OpenNew(),     R.Shell()->DeleteApps(),
-                             R.Shell()->DBUtilities(), R.Dialogs()->FatalDialog(),
-                             R.Dialogs()->CompleteDialog(), R.Dialogs()->SignOffDialog(),
-                             R.Dialogs()->InCompleteDialog()};
+  TRegPackage* Packages[] = {
+      R.Shell()->ProductTree(),       R.Shell()->MessageView(),      R.Shell()->Marketing(),
+      R.Shell()->Advisor(),           R.Shell()->ImportApp(),        R.Shell()->ExportApp(),
+      R.Shell()->OpenNew(),           R.Shell()->DeleteApps(),       R.Shell()->DBUtilities(),
+      R.Dialogs()->FatalDialog(),     R.Dialogs()->CompleteDialog(), R.Dialogs()->SignOffDialog(),
+      R.Dialogs()->InCompleteDialog()};
+  std::string WithVersions, Plain;
   int I = 0;
   for (TRegPackage* P : Packages) {
     P->Module = "m" + std::to_string(I);
-    P->Version = "v" + std::to_string(I++);
+    P->Version = "v" + std::to_string(I);
+    WithVersions += (I ? "," : "") + P->Module + "=" + P->Version;
+    Plain += (I++ ? "," : "") + P->Module;
   }
   TStringList L;
   L.Add("stale");
   R.AllModulesInfo(&L, true);
-  ASSERT_EQ(L.Count(), 13);
-  for (int J = 0; J < 13; ++J) EXPECT_EQ(L.Strings(J), "m" + std::to_string(J) + "=v" + std::to_string(J));
+  EXPECT_EQ(L.CommaText(), WithVersions);
   R.AllModulesInfo(&L, false);
-  ASSERT_EQ(L.Count(), 13);
-  EXPECT_EQ(L.Strings(12), "m12");
+  EXPECT_EQ(L.CommaText(), Plain);
   EXPECT_EQ(TCorvaneRegistry::GetModuleInfo(R.Shell()->Advisor(), true), "m3=v3");
 }

@@ -6,10 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "vel/VelClassesLib.h"
+#include "TestSupport.h"
 #include "vel/PackMan.h"
-#include "vel/velThreads.h"
+#include "vel/VelClassesLib.h"
 #include "vel/rtl/System.h"
+#include "vel/velThreads.h"
 
 using namespace vel;
 
@@ -22,11 +23,10 @@ void Record(const TPackageInfoTable*, const char* Unit, bool Init) {
 }
 
 const std::vector<std::string> LibraryOrder = {
-    "ExtendedClasses", "ExtendedInterfaces", "StreamClasses", "velInterfaces",
-    "IntfClasses",     "velIntfClasses",     "ThrdObjLst",    "ExStreams",
-    "velThreads",      "ThreadClasses",      "RegistryClasses", "ComDlgReg",
-    "OpenNewReg",      "CShellReg",          "OptionsReg",    "RttiStrm",
-    "CorRegistry",     "PackMan",            "velStreamRecover", "velVersionInfo"};
+    "ExtendedClasses", "ExtendedInterfaces", "StreamClasses", "velInterfaces",    "IntfClasses",
+    "velIntfClasses",  "ThrdObjLst",         "ExStreams",     "velThreads",       "ThreadClasses",
+    "RegistryClasses", "ComDlgReg",          "OpenNewReg",    "CShellReg",        "OptionsReg",
+    "RttiStrm",        "CorRegistry",        "PackMan",       "velStreamRecover", "velVersionInfo"};
 
 TEST(PackageEntry, UnitTableListsTheUnitsInOrder) {
   const TPackageInfoTable* T = GetPackageInfoTable();
@@ -50,8 +50,11 @@ TEST(PackageEntry, FinalizeFreesSingletonsAndInitializeStartsAfresh) {
   Finalize();
   EXPECT_TRUE(gTrace.empty());
   Finalize();  // the load's own initialisation ends here
-  std::vector<std::string> Want;
-  for (auto It = LibraryOrder.rbegin(); It != LibraryOrder.rend(); ++It) Want.push_back("-" + *It);
+  std::vector<std::string> Want, WantInit;
+  for (const auto& U : LibraryOrder) {
+    Want.insert(Want.begin(), "-" + U);
+    WantInit.push_back("+" + U);
+  }
   EXPECT_EQ(gTrace, Want);
   EXPECT_FALSE(CurrentThreadManager());
   EXPECT_FALSE(CurrentPackageManager());
@@ -60,55 +63,39 @@ TEST(PackageEntry, FinalizeFreesSingletonsAndInitializeStartsAfresh) {
 
   gTrace.clear();
   Initialize();
-  Want.clear();
-  for (const auto& U : LibraryOrder) Want.push_back("+" + U);
-  EXPECT_EQ(gTrace, Want);
+  EXPECT_EQ(gTrace, WantInit);
   EXPECT_TRUE(ThreadManager());  // re-created on demand
   EXPECT_TRUE(PackageManager());
   SetUnitObserver(nullptr);
 }
 
 std::vector<std::string> gCalls;
-void InitA() { gCalls.push_back("+A"); }
-void DoneA() { gCalls.push_back("-A"); }
-void InitB() { gCalls.push_back("+B"); }
-void DoneB() {
-  gCalls.push_back("-B");
-  throw Exception("B failed");
-}
-void InitC() {
-  gCalls.push_back("+C");
-  throw Exception("C failed");
-}
-void DoneC() { gCalls.push_back("-C"); }
-void DoneD() { gCalls.push_back("-D"); }
 
 TEST(PackageEntry, FailuresUnwindWhatWasInitialised) {
   // An initialisation that raises: the units before it are finalised in
   // reverse (B's failure does not stop A's), the first error passes on.
-  const TPackageUnitEntry Units[] = {
-      {"A", &InitA, &DoneA}, {"B", &InitB, &DoneB}, {"C", &InitC, &DoneC}, {"D", nullptr, &DoneD}};
-  TUnitTable T(Units, 4);
-  try {
-    T.Initialize();
-    FAIL();
-  } catch (const Exception& E) {
-    EXPECT_STREQ(E.what(), "C failed");
-  }
+  const TPackageUnitEntry A{"A", [] { gCalls.push_back("+A"); }, [] { gCalls.push_back("-A"); }};
+  const TPackageUnitEntry B{"B", [] { gCalls.push_back("+B"); },
+                            [] {
+                              gCalls.push_back("-B");
+                              throw Exception("B failed");
+                            }};
+  const TPackageUnitEntry C{"C",
+                            [] {
+                              gCalls.push_back("+C");
+                              throw Exception("C failed");
+                            },
+                            [] { gCalls.push_back("-C"); }};
+  const TPackageUnitEntry D{"D", nullptr, [] { gCalls.push_back("-D"); }};
+  const TPackageUnitEntry Units[] = {A, B, C, D}, Ok[] = {A, B, D};
+  TUnitTable T(Units, 4), U(Ok, 3);
+  EXPECT_EQ(vel_test::Raised([&] { T.Initialize(); }), "C failed");
   EXPECT_EQ(gCalls, (std::vector<std::string>{"+A", "+B", "+C", "-B", "-A"}));
   EXPECT_EQ(T.InitCount(), 0);
-
   // A finalisation that raises does not stop the others.
-  const TPackageUnitEntry Ok[] = {{"A", &InitA, &DoneA}, {"B", &InitB, &DoneB}, {"D", nullptr, &DoneD}};
-  TUnitTable U(Ok, 3);
   gCalls.clear();
   U.Initialize();
-  try {
-    U.Finalize();
-    FAIL();
-  } catch (const Exception& E) {
-    EXPECT_STREQ(E.what(), "B failed");
-  }
+  EXPECT_EQ(vel_test::Raised([&] { U.Finalize(); }), "B failed");
   EXPECT_EQ(gCalls, (std::vector<std::string>{"+A", "+B", "-D", "-B", "-A"}));
 }
 

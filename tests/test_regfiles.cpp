@@ -3,55 +3,28 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <vector>
 
+#include "TestSupport.h"
 #include "vel/rtl/SysUtils.h"
 
 using namespace vel;
+using namespace vel_test;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-class RegFiles : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_regfiles_XXXXXX";
-    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
-    ::setenv("VEL_REGISTRY_DIR", (Dir + "/hives").c_str(), 1);
-  }
-  void TearDown() override {
-    ::unsetenv("VEL_REGISTRY_DIR");
-    std::error_code Ec;
-    std::filesystem::remove_all(Dir, Ec);
-  }
-  std::string Dir;
-};
+using RegFiles = ScratchTest;
 
 // UTF-8 text as a version 5 file: BOM and UTF-16LE.
 std::string V5(const std::string& Utf8) {
-  const std::u16string W = Utf8ToWide(Utf8);
   std::string B("\xFF\xFE", 2);
-  for (const char16_t C : W) {
-    B += char(C & 0xFF);
-    B += char(C >> 8);
-  }
+  for (const char16_t C : Utf8ToWide(Utf8)) B += {char(C & 0xFF), char(C >> 8)};
   return B;
 }
 
-std::string ErrorOf(std::string_view Text) {
-  try {
-    ImportRegText(Text);
-  } catch (const ERegFileError& E) {
-    return E.Message();
-  }
-  return "(imported)";
+std::string ErrorOf(const std::string& Text) {
+  return Raised<ERegFileError>([&] { ImportRegText(Text); });
 }
 
 // The sample tree's export, in UTF-8 with the form's own string rules; the
@@ -81,8 +54,9 @@ std::string Sample(TRegFileFormat F) {
   const bool Four = F == TRegFileFormat::Regedit4;
   S.replace(S.find("%EXP%"), 5,
             Four ? "\"Exp\"=hex(2):25,50,25,00" : "\"Exp\"=hex(2):25,00,50,00,25,00,00,00");
-  S.replace(S.find("%MULTI%"), 7,
-            Four ? "\"Multi\"=hex(7):61,00,62,00,00" : "\"Multi\"=hex(7):61,00,00,00,62,00,00,00,00,00");
+  S.replace(
+      S.find("%MULTI%"), 7,
+      Four ? "\"Multi\"=hex(7):61,00,62,00,00" : "\"Multi\"=hex(7):61,00,00,00,62,00,00,00,00,00");
   return Four ? "REGEDIT4\r\n" + S : V5("Windows Registry Editor Version 5.00\r\n" + S);
 }
 
@@ -115,7 +89,8 @@ TEST_F(RegFiles, ExportBytesAndRoundTripInBothForms) {
     EXPECT_EQ(ExportRegText(HKEY_CURRENT_USER, "software\\x", F), Sample(F));
   }
   for (const TRegFileFormat F : {TRegFileFormat::Regedit4, TRegFileFormat::Version5}) {
-    ::setenv("VEL_REGISTRY_DIR", (Dir + (F == TRegFileFormat::Version5 ? "/v5" : "/v4")).c_str(), 1);
+    ::setenv("VEL_REGISTRY_DIR", (Dir + (F == TRegFileFormat::Version5 ? "/v5" : "/v4")).c_str(),
+             1);
     EXPECT_EQ(ImportRegText(Sample(F)), 10);
     EXPECT_EQ(ExportRegText(HKEY_CURRENT_USER, "Software\\X", F), Sample(F));
     TRegistry R;
@@ -128,7 +103,7 @@ TEST_F(RegFiles, ExportBytesAndRoundTripInBothForms) {
   }
   // The file form writes the same bytes.
   ExportRegFile(HKEY_CURRENT_USER, "Software\\X", Dir + "/out.reg", TRegFileFormat::Version5);
-  EXPECT_EQ(std::filesystem::file_size(Dir + "/out.reg"), Sample(TRegFileFormat::Version5).size());
+  EXPECT_EQ(ReadFile(Dir + "/out.reg"), Sample(TRegFileFormat::Version5));
   EXPECT_THROW(ExportRegText(HKEY_CURRENT_USER, "Software\\Nothing", TRegFileFormat::Version5),
                ERegistryException);
 }
@@ -136,8 +111,9 @@ TEST_F(RegFiles, ExportBytesAndRoundTripInBothForms) {
 // Windows-1252 in REGEDIT4 files and UTF-16 in version 5 files reach the
 // registry as UTF-16; what the 8-bit form cannot carry becomes '?'.
 TEST_F(RegFiles, Windows1252AndUtf16NamesAndData) {
-  ImportRegText("REGEDIT4\r\n\r\n[HKEY_CURRENT_USER\\Software\\Caf\xE9]\r\n\"Pr\xEAt\"=\"\x80 5\"\r\n"
-                "\"M\"=hex(7):e9,00,00\r\n");
+  ImportRegText(
+      "REGEDIT4\r\n\r\n[HKEY_CURRENT_USER\\Software\\Caf\xE9]\r\n\"Pr\xEAt\"=\"\x80 5\"\r\n"
+      "\"M\"=hex(7):e9,00,00\r\n");
   TRegistry R;
   ASSERT_TRUE(R.OpenKey("Software\\CAF\xC9", false));
   EXPECT_EQ(R.ReadString("PR\xCAT"), "\x80 5");
@@ -149,15 +125,17 @@ TEST_F(RegFiles, Windows1252AndUtf16NamesAndData) {
   EXPECT_EQ(V.Data, (Bytes{0xE9, 0, 0, 0, 0, 0}));  // "é", its NUL, the list's NUL
 
   const std::string Greek = "\xCE\x95\xCE\xBB\xCE\xBB\xCE\xAC\xCE\xB4\xCE\xB1";  // Ελλάδα
-  const std::string Cjk = "\xE5\x90\x8D\xE5\x89\x8D";                              // 名前
-  const std::string File = V5("Windows Registry Editor Version 5.00\r\n\r\n[HKEY_CURRENT_USER\\Software\\" +
-                              Greek + "]\r\n\"" + Cjk + "\"=\"\xE5\x80\xA4 \xF0\x9F\x98\x80\"\r\n\r\n");
+  const std::string Cjk = "\xE5\x90\x8D\xE5\x89\x8D";                            // 名前
+  const std::string File =
+      V5("Windows Registry Editor Version 5.00\r\n\r\n[HKEY_CURRENT_USER\\Software\\" + Greek +
+         "]\r\n\"" + Cjk + "\"=\"\xE5\x80\xA4 \xF0\x9F\x98\x80\"\r\n\r\n");
   ImportRegText(File);
   EXPECT_EQ(ExportRegText(HKEY_CURRENT_USER, "software\\" + Greek, TRegFileFormat::Version5), File);
   // Greek letters fold beyond ASCII: the lower-case path finds the key.
-  EXPECT_EQ(ExportRegText(HKEY_CURRENT_USER, "Software\\\xCE\xB5\xCE\xBB\xCE\xBB\xCE\xAC\xCE\xB4\xCE\xB1",
-                          TRegFileFormat::Version5),
-            File);
+  EXPECT_EQ(
+      ExportRegText(HKEY_CURRENT_USER, "Software\\\xCE\xB5\xCE\xBB\xCE\xBB\xCE\xAC\xCE\xB4\xCE\xB1",
+                    TRegFileFormat::Version5),
+      File);
   EXPECT_EQ(ExportRegText(HKEY_CURRENT_USER, "Software\\" + Greek, TRegFileFormat::Regedit4),
             "REGEDIT4\r\n\r\n[HKEY_CURRENT_USER\\Software\\??????]\r\n"
             "\"??\"=hex(1):24,50,20,00,3d,d8,00,de,00,00\r\n\r\n");
@@ -174,15 +152,19 @@ TEST_F(RegFiles, LenientForms) {
       {"\"v\" = dword:FF ; comment", "v", {REG_DWORD, {0xFF, 0, 0, 0}}},
       {"\"v\"=hex:01, 2,\\\n   03,\\\n04", "v", {REG_BINARY, {1, 2, 3, 4}}},
       {"\"v\"=HEX(7):61,00,00,00,00,00", "v", {REG_MULTI_SZ, {'a', 0, 0, 0, 0, 0}}},
-      {"\"a\\\\b\\\"c\"=\"x\\\\y\\\"z\\q\"", "a\\b\"c", {REG_SZ, {'x', 0, '\\', 0, 'y', 0, '"', 0, 'z', 0, '\\', 0, 'q', 0, 0, 0}}},
+      {"\"a\\\\b\\\"c\"=\"x\\\\y\\\"z\\q\"",
+       "a\\b\"c",
+       {REG_SZ, {'x', 0, '\\', 0, 'y', 0, '"', 0, 'z', 0, '\\', 0, 'q', 0, 0, 0}}},
       {"\"v\"=hex:", "v", {REG_BINARY, {}}},
       {"@=\"d\"", "", {REG_SZ, {'d', 0, 0, 0}}},
       {"\"v\"=hex(a0000000):1", "v", {0xA0000000u, {1}}},
       {"  \"v\"=dword:1\t", "v", {REG_DWORD, {1, 0, 0, 0}}},
   };
   for (const Case& C : Cases) {
-    const std::string Text = std::string("\xEF\xBB\xBFWindows Registry Editor Version 5.00\n; note\n[HKCU\\Software\\L\\]\n") +
-                             C.Line + "\n";
+    const std::string Text =
+        std::string(
+            "\xEF\xBB\xBFWindows Registry Editor Version 5.00\n; note\n[HKCU\\Software\\L\\]\n") +
+        C.Line + "\n";
     const TRegFileContent F = ParseRegText(Text);
     ASSERT_EQ(F.Entries.size(), 2u) << C.Line;
     EXPECT_EQ(F.Entries[0].Path, "Software\\L");
@@ -204,11 +186,12 @@ TEST_F(RegFiles, DeletionsAndSeveralHives) {
     R.WriteInteger("gone", 1);
     R.WriteInteger("stay", 2);
   }
-  EXPECT_EQ(ImportRegText("REGEDIT4\r\n[-HKEY_CURRENT_USER\\Software\\Old]\r\n\"ignored\"=dword:1\r\n"
-                          "[-HKEY_CURRENT_USER\\Software\\NeverWas]\r\n"
-                          "[HKEY_CURRENT_USER\\Software\\Keep]\r\n\"gone\"=-\r\n\"absent\"=-\r\n"
-                          "[HKEY_LOCAL_MACHINE\\Software\\Velmont]\r\n\"m\"=dword:2\r\n"),
-            1);
+  EXPECT_EQ(
+      ImportRegText("REGEDIT4\r\n[-HKEY_CURRENT_USER\\Software\\Old]\r\n\"ignored\"=dword:1\r\n"
+                    "[-HKEY_CURRENT_USER\\Software\\NeverWas]\r\n"
+                    "[HKEY_CURRENT_USER\\Software\\Keep]\r\n\"gone\"=-\r\n\"absent\"=-\r\n"
+                    "[HKEY_LOCAL_MACHINE\\Software\\Velmont]\r\n\"m\"=dword:2\r\n"),
+      1);
   TRegistry R;
   EXPECT_FALSE(R.KeyExists("Software\\Old"));
   ASSERT_TRUE(R.OpenKey("Software\\Keep", false));
@@ -264,14 +247,16 @@ TEST_F(RegFiles, DamagedImportNamesTheLineAndChangesNothing) {
   EXPECT_EQ(ErrorOf("REGEDIT4\r\n\"a\"=\"b\"\r\n"), "Value outside a key on line 2");
   // A hive that may not be written fails the whole import, other hives too.
   std::filesystem::create_directories(Dir + "/hives/HKEY_LOCAL_MACHINE.db");
-  EXPECT_EQ(ErrorOf(Good + "[HKEY_LOCAL_MACHINE\\Software\\V]\r\n"), "Access denied to HKEY_LOCAL_MACHINE on line 6");
+  EXPECT_EQ(ErrorOf(Good + "[HKEY_LOCAL_MACHINE\\Software\\V]\r\n"),
+            "Access denied to HKEY_LOCAL_MACHINE on line 6");
   EXPECT_EQ(ExportRegText(HKEY_CURRENT_USER, "", TRegFileFormat::Version5), Before);
   EXPECT_EQ(ImportRegText(Good), 1);
   EXPECT_NE(ExportRegText(HKEY_CURRENT_USER, "", TRegFileFormat::Version5), Before);
 }
 
 TEST(RegValueLine, DefaultNameEscapesAndLongNames) {
-  EXPECT_EQ(RegValueLine("", TRegValue{REG_DWORD, {1, 0, 0, 0}}, TRegFileFormat::Version5), "@=dword:00000001");
+  EXPECT_EQ(RegValueLine("", TRegValue{REG_DWORD, {1, 0, 0, 0}}, TRegFileFormat::Version5),
+            "@=dword:00000001");
   EXPECT_EQ(RegValueLine("a\"b", TRegValue{REG_DWORD, {1, 0, 0}}, TRegFileFormat::Version5),
             "\"a\\\"b\"=hex(4):01,00,00");
   // A name past the break point breaks after every byte.

@@ -8,73 +8,60 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "vel/rtl/StringLists.h"
 
 using namespace vel;
+using namespace vel_test;
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
 // Every case gets its own hive folder through VEL_REGISTRY_DIR.
-class Registry : public ::testing::Test {
- protected:
-  void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_registry_XXXXXX";
-    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
-    ::setenv("VEL_REGISTRY_DIR", (Dir + "/hives").c_str(), 1);
-  }
-  void TearDown() override {
-    ::unsetenv("VEL_REGISTRY_DIR");
-    std::error_code Ec;
-    std::filesystem::remove_all(Dir, Ec);
-  }
-  std::string Dir;
-};
+using Registry = ScratchTest;
 
-std::string RaiseText(const std::function<void()>& Fn) {
-  try {
-    Fn();
-  } catch (const ERegistryException& E) {
-    return E.Message();
-  }
-  return "(no ERegistryException)";
+std::string RegError(const std::function<void()>& Fn) {
+  return Raised<ERegistryException>(Fn);
 }
 
 Bytes Utf16(std::u16string_view S) {
   Bytes B;
-  for (const char16_t C : S) {
-    B.push_back(uint8_t(C));
-    B.push_back(uint8_t(C >> 8));
-  }
-  B.push_back(0);
-  B.push_back(0);
+  for (const char16_t C : S) B.insert(B.end(), {uint8_t(C), uint8_t(C >> 8)});
+  B.insert(B.end(), {0, 0});
   return B;
+}
+
+// Starts Body in a child process that exits with what Body returns.
+pid_t Spawn(const std::function<int()>& Body) {
+  const pid_t Pid = ::fork();
+  if (Pid == 0) ::_exit(Body());
+  return Pid;
+}
+
+// The exit status of a spawned child, or -1 when it did not exit.
+int ExitStatus(pid_t Pid) {
+  int Status = 0;
+  if (Pid < 0 || ::waitpid(Pid, &Status, 0) != Pid || !WIFEXITED(Status)) return -1;
+  return WEXITSTATUS(Status);
 }
 
 }  // namespace
 
-// Each typed write stores the bytes Windows holds for it, and reads back.
+// Each typed write stores the bytes Windows holds for it, and a second
+// accessor (its own connection) reads them back.
 TEST_F(Registry, TypedWritesStoreWindowsBytes) {
   TRegistry R;
   ASSERT_TRUE(R.OpenKey("Software\\Test", true));
-  struct Case {
+  const uint8_t Bin[] = {0, 1, 0xFE, 0xFF};
+  const struct {
     const char* Name;
     std::function<void()> Write;
     TRegValue Expected;
-  };
-  const uint8_t Bin[] = {0, 1, 0xFE, 0xFF};
-  const Case Cases[] = {
+  } Cases[] = {
       {"Int", [&] { R.WriteInteger("Int", -2); }, {REG_DWORD, {0xFE, 0xFF, 0xFF, 0xFF}}},
       {"Big", [&] { R.WriteInteger("Big", 0x12345678); }, {REG_DWORD, {0x78, 0x56, 0x34, 0x12}}},
       {"True", [&] { R.WriteBool("True", true); }, {REG_DWORD, {1, 0, 0, 0}}},
@@ -83,13 +70,12 @@ TEST_F(Registry, TypedWritesStoreWindowsBytes) {
       {"Exp", [&] { R.WriteExpandString("Exp", "%HOME%"); }, {REG_EXPAND_SZ, Utf16(u"%HOME%")}},
       {"Bin", [&] { R.WriteBinaryData("Bin", Bin, 4); }, {REG_BINARY, {0, 1, 0xFE, 0xFF}}},
   };
-  for (const Case& C : Cases) {
+  for (const auto& C : Cases) {
     C.Write();
     TRegValue V;
     ASSERT_TRUE(R.ReadValue(C.Name, V)) << C.Name;
     EXPECT_EQ(V, C.Expected) << C.Name;
   }
-  // A second accessor (its own connection) sees the same values.
   TRegistry R2(KEY_READ);
   ASSERT_TRUE(R2.OpenKey("\\SOFTWARE\\test", false));
   EXPECT_EQ(R2.ReadInteger("int"), -2);
@@ -110,20 +96,18 @@ TEST_F(Registry, ReadAndWriteErrorsCarryTheRuntimeMessages) {
   {
     TRegistry W;
     ASSERT_TRUE(W.OpenKey("Software\\Errors", true));
-    W.WriteString("One", "A");          // 4 bytes of REG_SZ
-    W.WriteString("Long", "Caption");   // longer than a DWORD
+    W.WriteString("One", "A");         // 4 bytes of REG_SZ
+    W.WriteString("Long", "Caption");  // longer than a DWORD
     W.WriteInteger("Num", 7);
-    const uint8_t B4[] = {1, 2, 3, 4};
-    W.WriteBinaryData("Bin4", B4, 4);
+    W.WriteValue("Bin4", TRegValue{REG_BINARY, {1, 2, 3, 4}});
     W.WriteValue("Q", TRegValue{REG_QWORD, {1, 0, 0, 0, 0, 0, 0, 0}});
   }
-  TRegistry R(KEY_READ);
+  TRegistry R(KEY_READ), Closed;
   ASSERT_TRUE(R.OpenKey("Software\\Errors", false));
-  struct Case {
+  const struct {
     std::function<void()> Fn;
     const char* Message;
-  };
-  const Case Cases[] = {
+  } Cases[] = {
       {[&] { R.ReadInteger("Width"); }, "Failed to get data for 'Width'"},
       {[&] { R.ReadBool("Visible"); }, "Failed to get data for 'Visible'"},
       {[&] { R.ReadInteger("One"); }, "Invalid data type for 'One'"},
@@ -134,19 +118,19 @@ TEST_F(Registry, ReadAndWriteErrorsCarryTheRuntimeMessages) {
       {[&] { R.ReadString("Bin4"); }, "Invalid data type for 'Bin4'"},
       {[&] { R.WriteInteger("Num", 1); }, "Failed to set data for 'Num'"},
       {[&] { R.WriteString("S\xE9", "x"); }, "Failed to set data for 'S\xE9'"},
+      // No key open: as on a closed handle.
+      {[&] { Closed.ReadInteger("Num"); }, "Failed to get data for 'Num'"},
+      {[&] { Closed.WriteInteger("Num", 1); }, "Failed to set data for 'Num'"},
   };
-  for (const Case& C : Cases) EXPECT_EQ(RaiseText(C.Fn), C.Message);
+  for (const auto& C : Cases) EXPECT_EQ(RegError(C.Fn), C.Message);
   // A missing string is empty, not an error; the failed write changed nothing.
   EXPECT_EQ(R.ReadString("Caption"), "");
   EXPECT_EQ(R.ReadInteger("Num"), 7);
-  // No key open: reads fail as on a closed handle.
-  TRegistry Closed;
-  EXPECT_EQ(RaiseText([&] { Closed.ReadInteger("Num"); }), "Failed to get data for 'Num'");
-  EXPECT_EQ(RaiseText([&] { Closed.WriteInteger("Num", 1); }), "Failed to set data for 'Num'");
 }
 
-// Names compare ignoring case (also beyond ASCII) and keep their first case.
-TEST_F(Registry, NamesIgnoreCaseAndKeepIt) {
+// Names compare ignoring case (also beyond ASCII) and keep their first case;
+// a UTF-8 accessor and a Windows-1252 one see the same keys and values.
+TEST_F(Registry, NamesIgnoreCaseKeepItAndShareTheStoreAcrossEncodings) {
   TRegistry R;
   ASSERT_TRUE(R.OpenKey("Software\\MyApp\\\xC9t\xE9", true));
   R.WriteInteger("Width", 1);
@@ -157,27 +141,21 @@ TEST_F(Registry, NamesIgnoreCaseAndKeepIt) {
   EXPECT_TRUE(R.ValueExists("\xE4NDERUNG"));
   TStringList Names;
   R.GetValueNames(&Names);
-  ASSERT_EQ(Names.Count(), 2);
-  EXPECT_EQ(Names[0], "Width");
-  EXPECT_EQ(Names[1], "\xC4nderung");
+  EXPECT_EQ(Names.CommaText(), "Width,\xC4nderung");
   EXPECT_EQ(R.ValueNamesUtf8()[1], "\xC3\x84nderung");
   ASSERT_TRUE(R.OpenKey("\\Software\\myapp", false));
   R.GetKeyNames(&Names);
-  ASSERT_EQ(Names.Count(), 1);
-  EXPECT_EQ(Names[0], "\xC9t\xE9");
-}
+  EXPECT_EQ(Names.CommaText(), "\xC9t\xE9");
 
-// A UTF-8 accessor and a Windows-1252 one see the same keys and values.
-TEST_F(Registry, Utf8AndWindows1252AccessorsShareTheStore) {
   TRegistry U;
   U.SetUtf8(true);
   ASSERT_TRUE(U.OpenKey("Software\\Caf\xC3\xA9", true));
   U.WriteString("N\xC3\xA4me", "\xE2\x82\xAC \xCE\xA9");  // "€ Ω"
-  TRegistry A;
-  ASSERT_TRUE(A.OpenKey("Software\\CAF\xC9", false));
-  EXPECT_EQ(A.ReadString("N\xE4me"), "\x80 ?");  // Ω has no Windows-1252 byte
+  ASSERT_TRUE(R.OpenKey("\\Software\\CAF\xC9", false));
+  EXPECT_EQ(R.ReadString("N\xE4me"), "\x80 ?");  // Ω has no Windows-1252 byte
   EXPECT_EQ(U.ReadString("N\xC3\x84ME"), "\xE2\x82\xAC \xCE\xA9");
-  EXPECT_EQ(RaiseText([&] { U.ReadInteger("N\xC3\xA4me"); }), "Failed to get data for 'N\xC3\xA4me'");
+  EXPECT_EQ(RegError([&] { U.ReadInteger("N\xC3\xA4me"); }),
+            "Failed to get data for 'N\xC3\xA4me'");
 }
 
 // CurrentPath keeps the key as opened; relative opens append with "\".
@@ -233,22 +211,14 @@ TEST_F(Registry, DeleteKeyAndValue) {
   ASSERT_TRUE(R.OpenKey("\\Software\\D\\A\\B", true));
   EXPECT_FALSE(R.ValueExists("V"));
   // Writing to a key that another accessor deleted fails.
-  TRegistry Other;
-  EXPECT_TRUE(Other.DeleteKey("Software\\D\\A"));
-  EXPECT_EQ(RaiseText([&] { R.WriteInteger("V", 1); }), "Failed to set data for 'V'");
+  EXPECT_TRUE(TRegistry().DeleteKey("Software\\D\\A"));
+  EXPECT_EQ(RegError([&] { R.WriteInteger("V", 1); }), "Failed to set data for 'V'");
 }
 
 // HKEY_CURRENT_USER is private: file 0600 in a folder 0700.
 TEST_F(Registry, CurrentUserHiveIsPrivate) {
   ::unsetenv("VEL_REGISTRY_DIR");
-  const char* Old = std::getenv("XDG_CONFIG_HOME");
-  const std::string Saved = Old ? Old : "";
-  ::setenv("XDG_CONFIG_HOME", (Dir + "/config").c_str(), 1);
-  struct TRestore {
-    std::string V;
-    bool Had;
-    ~TRestore() { Had ? (void)::setenv("XDG_CONFIG_HOME", V.c_str(), 1) : (void)::unsetenv("XDG_CONFIG_HOME"); }
-  } Restore{Saved, Old != nullptr};
+  TEnvVar Config("XDG_CONFIG_HOME", Dir + "/config");
   {
     TRegistry R;
     ASSERT_TRUE(R.OpenKey("Software\\P", true));
@@ -276,29 +246,23 @@ TEST_F(Registry, UnwritableHiveIsAccessDenied) {
     Admin.WriteInteger("Shared", 5);
   }
   ASSERT_EQ(::chmod(Dir.c_str(), 0755), 0);
-  const pid_t Pid = ::fork();
-  ASSERT_GE(Pid, 0);
-  if (Pid == 0) {
-    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(90);
-    if (::geteuid() != 0) {
-      // Without write permission on the folder and file, as another user.
-      if (::access((Dir + "/hives/HKEY_LOCAL_MACHINE.db").c_str(), R_OK) != 0) ::_exit(91);
-    }
+  const int Status = ExitStatus(Spawn([&] {
+    if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) return 90;
+    // Without write permission on the folder and file, as another user.
+    if (::access((Dir + "/hives/HKEY_LOCAL_MACHINE.db").c_str(), R_OK) != 0) return 91;
     TRegistry R;
     R.SetRootKey(HKEY_LOCAL_MACHINE);
-    if (!R.OpenKey("Software\\Velmont", false)) ::_exit(10);
-    if (R.ReadInteger("Shared") != 5) ::_exit(11);
-    if (R.OpenKey("\\Software\\New", true)) ::_exit(12);
-    if (!R.OpenKey("\\Software\\Velmont", false)) ::_exit(13);
-    if (RaiseText([&] { R.WriteInteger("Shared", 6); }) != "Failed to set data for 'Shared'") ::_exit(14);
-    ::_exit(0);
-  }
-  int Status = 0;
-  ASSERT_EQ(::waitpid(Pid, &Status, 0), Pid);
-  ASSERT_TRUE(WIFEXITED(Status));
-  if (WEXITSTATUS(Status) >= 90) GTEST_SKIP() << "cannot run as another user here";
+    if (!R.OpenKey("Software\\Velmont", false)) return 10;
+    if (R.ReadInteger("Shared") != 5) return 11;
+    if (R.OpenKey("\\Software\\New", true)) return 12;
+    if (!R.OpenKey("\\Software\\Velmont", false)) return 13;
+    return RegError([&] { R.WriteInteger("Shared", 6); }) == "Failed to set data for 'Shared'" ? 0
+                                                                                               : 14;
+  }));
+  ASSERT_GE(Status, 0);
+  if (Status >= 90) GTEST_SKIP() << "cannot run as another user here";
   if (::geteuid() != 0) GTEST_SKIP() << "needs root to test another user's access";
-  EXPECT_EQ(WEXITSTATUS(Status), 0);
+  EXPECT_EQ(Status, 0);
   TRegistry Check;
   Check.SetRootKey(HKEY_LOCAL_MACHINE);
   EXPECT_FALSE(Check.KeyExists("Software\\New"));
@@ -307,39 +271,27 @@ TEST_F(Registry, UnwritableHiveIsAccessDenied) {
 // Two processes writing 1,000 values each into one hive at once lose none.
 TEST_F(Registry, TwoProcessesLoseNoWrite) {
   constexpr int N = 1000;
-  {
-    TRegistry R;  // create the hive before the race
-    ASSERT_TRUE(R.OpenKey("Software\\Race", true));
-  }
+  ASSERT_TRUE(TRegistry().CreateKey("Software\\Race"));  // the hive exists before the race
   pid_t Pids[2];
-  for (int P = 0; P < 2; ++P) {
-    Pids[P] = ::fork();
-    ASSERT_GE(Pids[P], 0);
-    if (Pids[P] == 0) {
-      int Code = 0;
+  for (int P = 0; P < 2; ++P)
+    Pids[P] = Spawn([P] {
+      TRegistry R;
+      if (!R.OpenKey("Software\\Race", false)) return 3;
       try {
-        TRegistry R;
-        if (!R.OpenKey("Software\\Race", false)) ::_exit(3);
-        for (int I = 0; I < N; ++I) R.WriteInteger("P" + std::to_string(P) + "_" + std::to_string(I), I);
+        for (int I = 0; I < N; ++I)
+          R.WriteInteger("P" + std::to_string(P) + "_" + std::to_string(I), I);
       } catch (...) {
-        Code = 4;
+        return 4;
       }
-      ::_exit(Code);
-    }
-  }
-  for (const pid_t Pid : Pids) {
-    int Status = 0;
-    ASSERT_EQ(::waitpid(Pid, &Status, 0), Pid);
-    ASSERT_TRUE(WIFEXITED(Status));
-    EXPECT_EQ(WEXITSTATUS(Status), 0);
-  }
+      return 0;
+    });
+  for (const pid_t Pid : Pids) EXPECT_EQ(ExitStatus(Pid), 0);
   TRegistry R(KEY_READ);
   ASSERT_TRUE(R.OpenKey("Software\\Race", false));
-  TStringList Names;
-  R.GetValueNames(&Names);
-  EXPECT_EQ(Names.Count(), 2 * N);
+  EXPECT_EQ(R.ValueNamesUtf8().size(), size_t(2 * N));
   for (int P = 0; P < 2; ++P)
-    for (int I = 0; I < N; I += 97) EXPECT_EQ(R.ReadInteger("P" + std::to_string(P) + "_" + std::to_string(I)), I);
+    for (int I = 0; I < N; I += 97)
+      EXPECT_EQ(R.ReadInteger("P" + std::to_string(P) + "_" + std::to_string(I)), I);
 }
 
 // Threads with their own accessors write one hive while another reads it.
@@ -358,7 +310,8 @@ TEST_F(Registry, ThreadsWriteOneHiveWhileOneReads) {
       try {
         TRegistry R;
         if (!R.OpenKey("Software\\Threads", false)) throw ERegistryException("open");
-        for (int I = 0; I < N; ++I) R.WriteString("T" + std::to_string(T) + "_" + std::to_string(I), std::to_string(I));
+        for (int I = 0; I < N; ++I)
+          R.WriteString("T" + std::to_string(T) + "_" + std::to_string(I), std::to_string(I));
       } catch (const Exception&) {
         ++Failures;
       }
@@ -380,8 +333,6 @@ TEST_F(Registry, ThreadsWriteOneHiveWhileOneReads) {
   EXPECT_EQ(Failures.load(), 0);
   TRegistry R(KEY_READ);
   ASSERT_TRUE(R.OpenKey("Software\\Threads", false));
-  TStringList Names;
-  R.GetValueNames(&Names);
-  EXPECT_EQ(Names.Count(), Threads * N + 1);
+  EXPECT_EQ(R.ValueNamesUtf8().size(), size_t(Threads * N + 1));
   EXPECT_EQ(R.ReadString("T3_249"), "249");
 }

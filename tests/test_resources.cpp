@@ -13,20 +13,18 @@
 
 using namespace vel;
 using namespace restest;
+using vel_test::Raised;
 
 namespace {
 
 enum class TForm { PE32, PE32Plus, Elf64, Elf32BE, Res };
 
+// The entries in the file form Form: a .res file as is, or inside a module.
 Bytes Wrap(TForm Form, const std::vector<TResSpecEntry>& Entries) {
-  switch (Form) {
-    case TForm::PE32: return BuildPE(false, Entries);
-    case TForm::PE32Plus: return BuildPE(true, Entries);
-    case TForm::Elf64: return BuildElf(true, BuildResFile(Entries));
-    case TForm::Elf32BE: return BuildElf(false, BuildResFile(Entries));
-    case TForm::Res: return BuildResFile(Entries);
-  }
-  return {};
+  if (Form == TForm::PE32 || Form == TForm::PE32Plus)
+    return BuildPE(Form == TForm::PE32Plus, Entries);
+  if (Form == TForm::Res) return BuildResFile(Entries);
+  return BuildElf(Form == TForm::Elf64, BuildResFile(Entries));
 }
 
 // The version block of a file, read as applications read it.
@@ -82,16 +80,24 @@ TEST_P(ResourceForms, VersionQueriesAnswerAsWindowsDoes) {
   // Keys and the table name match in any letter case; doubled backslashes
   // are tolerated; the length counts the terminating NUL as the resource
   // does.
-  EXPECT_EQ(Query(Block, "\\StringFileInfo\\040904e4\\CompanyName", &Len), "Velmont Ltd");
-  EXPECT_EQ(Len, 12u);
-  EXPECT_EQ(Query(Block, "\\STRINGFILEINFO\\040904E4\\companyname"), "Velmont Ltd");
-  EXPECT_EQ(Query(Block, "\\\\StringFileInfo\\040904e4\\\\FileVersion"), "2.1.3.4");
-  EXPECT_EQ(Query(Block, "\\StringFileInfo\\040904e4\\LegalTrademarks", &Len), "");
-  EXPECT_EQ(Len, 1u);
-  EXPECT_EQ(Query(Block, "\\StringFileInfo\\040904e4\\Comments"), "<none>");
-  EXPECT_EQ(Query(Block, "\\StringFileInfo\\040704e4\\CompanyName"), "<none>");
-  EXPECT_EQ(Query(Block, "\\StringFileInfo\\040904e4\\CompanyNam"), "<none>");
-
+  const struct {
+    const char* Path;
+    const char* Value;
+    uint32_t Len;
+  } Queries[] = {
+      {"\\StringFileInfo\\040904e4\\CompanyName", "Velmont Ltd", 12},
+      {"\\STRINGFILEINFO\\040904E4\\companyname", "Velmont Ltd", 12},
+      {"\\\\StringFileInfo\\040904e4\\\\FileVersion", "2.1.3.4", 8},
+      {"\\StringFileInfo\\040904e4\\LegalTrademarks", "", 1},
+      {"\\StringFileInfo\\040904e4\\Comments", "<none>", 0},
+      {"\\StringFileInfo\\040704e4\\CompanyName", "<none>", 0},
+      {"\\StringFileInfo\\040904e4\\CompanyNam", "<none>", 0},
+  };
+  for (const auto& Q : Queries) {
+    Len = 0;
+    EXPECT_EQ(Query(Block, Q.Path, &Len), Q.Value) << Q.Path;
+    EXPECT_EQ(Len, Q.Len) << Q.Path;
+  }
   EXPECT_EQ(GetPackageDescription(File.c_str()), "Product tree package");
 }
 
@@ -102,14 +108,13 @@ INSTANTIATE_TEST_SUITE_P(Forms, ResourceForms,
 TEST(Resources, StringsComeBackInWindows1252) {
   TScratch Dir;
   TVersionResourceDesc V;
-  V.Tables.push_back({0x0407, 0x04E4,
+  V.Tables.push_back({0x0407,
+                      0x04E4,
                       {{"CompanyName", "Caf\xC3\xA9 M\xC3\xBCller \xE2\x82\xAC"},  // Café Müller €
-                       {"Comments", "\xCE\xA9 \xF0\x9F\x98\x80!"}}});              // Ω, an emoji
+                       {"Comments", "\xCE\xA9 \xF0\x9F\x98\x80!"},                 // Ω, an emoji
+                       {"Gr\u00F6\u00DFe", "x"}}});                                // Größe
   V.Translations.push_back({0x0407, 0x04E4});
-  const std::string File = Dir.Write(
-      "a.dll", BuildPE(false, {{TResId::FromId(RT_VERSION), TResId::FromId(1), 0x0407,
-                                BuildVersionResource(V)}}));
-  std::vector<uint8_t> Block = ReadBlock(File);
+  std::vector<uint8_t> Block = ReadBlock(Dir.Write("a.dll", VersionPE(false, V, 0x0407)));
   uint32_t Len = 0;
   EXPECT_EQ(Query(Block, "\\StringFileInfo\\040704e4\\CompanyName", &Len),
             "Caf\xE9 M\xFCller \x80");
@@ -119,14 +124,7 @@ TEST(Resources, StringsComeBackInWindows1252) {
   EXPECT_EQ(Query(Block, "\\StringFileInfo\\040704e4\\Comments", &Len), "? ?!");
   EXPECT_EQ(Len, 6u);
   // Keys given in Windows-1252 match their UTF-16 form without regard to case.
-  TVersionResourceDesc K;
-  K.Tables.push_back({0x0407, 0x04E4, {{"Gr\xC3\xB6\xC3\x9F" "e", "x"}}});  // Größe
-  K.Translations.push_back({0x0407, 0x04E4});
-  const std::string File2 = Dir.Write(
-      "b.dll", BuildPE(true, {{TResId::FromId(RT_VERSION), TResId::FromId(1), 0x0407,
-                               BuildVersionResource(K)}}));
-  std::vector<uint8_t> Block2 = ReadBlock(File2);
-  EXPECT_EQ(Query(Block2, "\\StringFileInfo\\040704e4\\GR\xD6\xDF" "E"), "x");
+  EXPECT_EQ(Query(Block, "\\StringFileInfo\\040704e4\\GR\xD6\xDF\x45"), "x");  // "GRÖßE"
 }
 
 TEST(Resources, ShortBuffersNeverReadOrWriteOutside) {
@@ -186,16 +184,11 @@ TEST(Resources, FilesThatAreNotModules) {
   EXPECT_EQ(GetFileVersionInfoSizeA(nullptr, nullptr), 0u);
 
   auto Message = [](const std::string& F) {
-    try {
-      TResourceModule::LoadFromFile(F);
-    } catch (const EResourceError& E) {
-      return std::string(E.what());
-    }
-    return std::string("loaded");
+    return Raised<EResourceError>([&] { TResourceModule::LoadFromFile(F); });
   };
   EXPECT_EQ(Message(Missing), "Cannot open " + Missing + ": No such file or directory");
   EXPECT_EQ(Message(Text), Text + " is not a valid resource module");
-  EXPECT_EQ(Message(NoRsrc), "loaded");
+  EXPECT_EQ(Message(NoRsrc), "(nothing raised)");
   EXPECT_EQ(GetPackageDescription(NoRsrc.c_str()), "");
   EXPECT_THROW(GetPackageDescription(Missing.c_str()), EResourceError);
 }
@@ -259,27 +252,23 @@ TEST(Resources, PackageInformationWithEveryFlag) {
   uint32_t Flags = 0;
   std::vector<std::string> Seen;
   int Marker = 0;
-  GetPackageInfo(*M, &Marker, Flags,
-                 [&](const std::string& Name, TNameType Type, uint8_t UnitFlags, void* Param) {
-                   EXPECT_EQ(Param, &Marker);
-                   Seen.push_back(std::to_string(Type) + ":" + Name + ":" +
-                                  std::to_string(UnitFlags));
-                 });
+  GetPackageInfo(
+      *M, &Marker, Flags,
+      [&](const std::string& Name, TNameType Type, uint8_t UnitFlags, void* Param) {
+        EXPECT_EQ(Param, &Marker);
+        Seen.push_back(std::to_string(Type) + ":" + Name + ":" + std::to_string(UnitFlags));
+      });
   EXPECT_EQ(Flags, Desc.Flags);
-  EXPECT_EQ(Seen, (std::vector<std::string>{"1:rtl:0", "1:vcl:0", "1:VeluBase60:0",
-                                            "0:ProdTree:3", "0:TreeWeak:4", "0:TreeOrg:8",
-                                            "0:Implicit:16", "0:Plain:0", "2:ProdTree:0"}));
+  EXPECT_EQ(Seen, (std::vector<std::string>{"1:rtl:0", "1:vcl:0", "1:VeluBase60:0", "0:ProdTree:3",
+                                            "0:TreeWeak:4", "0:TreeOrg:8", "0:Implicit:16",
+                                            "0:Plain:0", "2:ProdTree:0"}));
 }
 
 TEST(Resources, PackageInformationErrors) {
   auto None = TResourceModule::LoadFromBytes(BuildPE(false, {}), "none.bpl");
   uint32_t Flags = 0;
-  try {
-    GetPackageInfo(*None, nullptr, Flags, nullptr);
-    FAIL();
-  } catch (const EPackageError& E) {
-    EXPECT_STREQ(E.what(), "none.bpl does not contain package information");
-  }
+  EXPECT_EQ(Raised<EPackageError>([&] { GetPackageInfo(*None, nullptr, Flags, nullptr); }),
+            "none.bpl does not contain package information");
   // Counts beyond the resource, and a name without its NUL.
   Bytes Good = BuildPackageInfoResource({pfRunOnly, {"rtl"}, {{"Unit1", 0}}, ""});
   for (Bytes Bad : {Bytes{1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F},
@@ -288,12 +277,9 @@ TEST(Resources, PackageInformationErrors) {
         BuildResFile({{TResId::FromId(RT_RCDATA), TResId::FromName("PACKAGEINFO"), 0, Bad}}),
         "bad.bpl");
     int Calls = 0;
-    try {
-      GetPackageInfo(*M, nullptr, Flags, [&](auto&&...) { ++Calls; });
-      FAIL();
-    } catch (const EPackageError& E) {
-      EXPECT_STREQ(E.what(), "Package information of bad.bpl is damaged");
-    }
+    EXPECT_EQ(Raised<EPackageError>(
+                  [&] { GetPackageInfo(*M, nullptr, Flags, [&](auto&&...) { ++Calls; }); }),
+              "Package information of bad.bpl is damaged");
     EXPECT_EQ(Calls, 0);
   }
 }
@@ -315,7 +301,9 @@ BEGIN
   BEGIN
     BLOCK "041304E4"
     BEGIN
-      VALUE "CompanyName", "Velmont Caf)" "\xE9" R"(\0"
+      VALUE "CompanyName", "Velmont Caf)"
+                                                         "\xE9"
+                                                         R"(\0"
       VALUE "FileVersion", "3.1.4.1\0"
     END
   END
@@ -332,7 +320,8 @@ DESCRIPTION RCDATA { L"Compiled description\0" }
     ASSERT_EQ(std::system(Cmd.c_str()), 0) << Cmd;
     const std::string Dll = Dir.Path("v.dll");
     auto M = TResourceModule::LoadFromFile(Dll);
-    EXPECT_EQ(M->Format(), Prefix[0] == 'i' ? TResourceFormat::rfPE32 : TResourceFormat::rfPE32Plus);
+    EXPECT_EQ(M->Format(),
+              Prefix[0] == 'i' ? TResourceFormat::rfPE32 : TResourceFormat::rfPE32Plus);
     std::vector<uint8_t> Block = ReadBlock(Dll);
     ASSERT_FALSE(Block.empty());
     EXPECT_EQ(Query(Block, "\\StringFileInfo\\041304E4\\CompanyName"), "Velmont Caf\xE9");

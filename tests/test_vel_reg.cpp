@@ -3,48 +3,39 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sys/wait.h>
+
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
+
+#include "TestSupport.h"
+
+using namespace vel_test;
 
 namespace {
 
 class VelReg : public ::testing::Test {
  protected:
   void SetUp() override {
-    Tool = std::filesystem::canonical("/proc/self/exe").parent_path().parent_path() / "tools/vel/vel";
     if (!std::filesystem::exists(Tool)) GTEST_SKIP() << "no vel program beside the tests";
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_velreg_XXXXXX";
-    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
   }
-  void TearDown() override {
-    std::error_code Ec;
-    if (!Dir.empty()) std::filesystem::remove_all(Dir, Ec);
-  }
-  static std::string Slurp(const std::string& Path) {
-    std::ifstream In(Path, std::ios::binary);
-    std::stringstream S;
-    S << In.rdbuf();
-    return S.str();
-  }
-  // Runs "vel reg ARGS" with the hives in Dir; keeps stdout and stderr.
+  // Runs "vel reg ARGS" with the hives in the scratch folder; keeps stdout
+  // and stderr.
   int Run(const std::string& Args) {
-    const std::string Cmd = "VEL_REGISTRY_DIR='" + Dir + "/hives' '" + Tool.string() + "' reg " + Args + " >'" +
-                            Dir + "/out' 2>'" + Dir + "/err'";
+    const std::string Cmd = "VEL_REGISTRY_DIR='" + Dir + "/hives' '" + Tool.string() + "' reg " +
+                            Args + " >'" + Dir + "/out' 2>'" + Dir + "/err'";
     const int Status = std::system(Cmd.c_str());
-    Out = Slurp(Dir + "/out");
-    Err = Slurp(Dir + "/err");
+    Out = ReadFile(Dir + "/out");
+    Err = ReadFile(Dir + "/err");
     return WIFEXITED(Status) ? WEXITSTATUS(Status) : -1;
   }
-  std::filesystem::path Tool;
-  std::string Dir, Out, Err;
+  const std::filesystem::path Tool =
+      std::filesystem::canonical("/proc/self/exe").parent_path().parent_path() / "tools/vel/vel";
+  TScratch Scratch;
+  const std::string Dir = Scratch.Dir;
+  std::string Out, Err;
 };
 
 }  // namespace
@@ -57,7 +48,8 @@ TEST_F(VelReg, SetQueryExportDeleteImport) {
   };
   const Case Cases[] = {
       {"Width REG_DWORD 0x7b", "\"Width\"=dword:0000007b"},
-      {"Caption REG_SZ 'Caf\xC3\xA9 \"x\" C:\\dir'", "\"Caption\"=\"Caf\xC3\xA9 \\\"x\\\" C:\\\\dir\""},
+      {"Caption REG_SZ 'Caf\xC3\xA9 \"x\" C:\\dir'",
+       "\"Caption\"=\"Caf\xC3\xA9 \\\"x\\\" C:\\\\dir\""},
       {"Path REG_EXPAND_SZ '%P%'", "\"Path\"=hex(2):25,00,50,00,25,00,00,00"},
       {"List REG_MULTI_SZ 'a\\0b'", "\"List\"=hex(7):61,00,00,00,62,00,00,00,00,00"},
       {"Big REG_QWORD 4294967296", "\"Big\"=hex(b):00,00,00,00,01,00,00,00"},
@@ -74,7 +66,7 @@ TEST_F(VelReg, SetQueryExportDeleteImport) {
   EXPECT_EQ(Out, std::string(Cases[1].Line) + "\n");
 
   ASSERT_EQ(Run("export 'HKCU\\Software\\Velmont' '" + Dir + "/v.reg' --v5"), 0) << Err;
-  EXPECT_EQ(Slurp(Dir + "/v.reg").substr(0, 4), std::string("\xFF\xFEW\0", 4));
+  EXPECT_EQ(ReadFile(Dir + "/v.reg").substr(0, 4), std::string("\xFF\xFEW\0", 4));
   ASSERT_EQ(Run("delete 'HKCU\\Software\\Velmont'"), 0) << Err;
   EXPECT_EQ(Run(std::string("query ") + Key), 1);
   EXPECT_EQ(Err, "vel: Key not found: HKCU\\Software\\Velmont\\Tool\n");
@@ -92,10 +84,11 @@ TEST_F(VelReg, ErrorsGoToStderrWithStatus) {
     int Status;
     std::string Err;
   };
-  std::ofstream(Dir + "/bad.reg", std::ios::binary) << "REGEDIT4\r\n[HKCU\\X]\r\n\"a\"=dword:zz\r\n";
+  WriteFile(Dir + "/bad.reg", "REGEDIT4\r\n[HKCU\\X]\r\n\"a\"=dword:zz\r\n");
   const Case Cases[] = {
       {"set 'HKCU\\X' v REG_FOO 1", 1, "vel: Unknown value type 'REG_FOO'\n"},
-      {"set 'HKCU\\X' v REG_DWORD 4294967296", 1, "vel: '4294967296' is not a valid integer value\n"},
+      {"set 'HKCU\\X' v REG_DWORD 4294967296", 1,
+       "vel: '4294967296' is not a valid integer value\n"},
       {"set 'HKCU\\X' v REG_BINARY 0g", 1, "vel: '0g' is not valid hexadecimal data\n"},
       {"set 'HKXX\\X' v REG_SZ a", 1, "vel: Unknown root key 'HKXX'\n"},
       {"import '" + Dir + "/bad.reg'", 1, "vel: Invalid dword value on line 3\n"},
