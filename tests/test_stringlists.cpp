@@ -273,21 +273,19 @@ TEST(TStringsTest, DelimitedTextWithOtherDelimiters) {
 TEST(TStringsTest, NamesAndValues) {
   TStringList L;
   Fill(L, {"a=1", "Key=Two", "novalue", "d==x", "=anon", "a=second"});
-  EXPECT_EQ(L.Names(0), "a");
-  EXPECT_EQ(L.Names(2), "");
-  EXPECT_EQ(L.Names(3), "d");
-  EXPECT_EQ(L.Names(4), "");
-  EXPECT_EQ(L.Values("KEY"), "Two");
-  EXPECT_EQ(L.Values("a"), "1");  // the first match
-  EXPECT_EQ(L.Values("d"), "=x");
-  EXPECT_EQ(L.Values(""), "anon");
-  EXPECT_EQ(L.Values("novalue"), "");
-  EXPECT_EQ(L.Values("missing"), "");
+  // Each line's name and value; Values gives the first match.
+  V Names, Values, Found;
+  for (int I = 0; I < L.Count(); ++I) {
+    Names.push_back(L.Names(I));
+    Values.push_back(L.ValueFromIndex(I));
+  }
+  EXPECT_EQ(Names, (V{"a", "Key", "", "d", "", "a"}));
+  EXPECT_EQ(Values, (V{"1", "Two", "", "=x", "anon", "second"}));
+  EXPECT_EQ(L.ValueFromIndex(-1), "");
+  for (const char* N : {"KEY", "a", "d", "", "novalue", "missing"}) Found.push_back(L.Values(N));
+  EXPECT_EQ(Found, (V{"Two", "1", "=x", "anon", "", ""}));
   EXPECT_EQ(L.IndexOfName("kEy"), 1);
   EXPECT_EQ(L.IndexOfName("novalue"), -1);
-  EXPECT_EQ(L.ValueFromIndex(3), "=x");
-  EXPECT_EQ(L.ValueFromIndex(2), "");
-  EXPECT_EQ(L.ValueFromIndex(-1), "");
 
   L.SetValues("key", "3");  // replaced in place, with the given spelling
   EXPECT_EQ(L[1], "key=3");
