@@ -5,7 +5,7 @@
 // the baseline uses one (CBC encryption cannot be split).
 //
 // Own main instead of BENCHMARK_MAIN: it prints the throughput ratios at the
-// end.
+// end (bench/ratio_reporter.h).
 #include <benchmark/benchmark.h>
 
 #include <cryptopp/cast.h>
@@ -15,12 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <map>
-#include <set>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "ratio_reporter.h"
 #include "vel/Cryption.h"
 #include "vel/rtl/SysUtils.h"
 
@@ -73,7 +72,10 @@ void BM_Encrypt_CryptoPPCbcInMemory(benchmark::State& State) {
   }
   State.SetBytesProcessed(State.iterations() * static_cast<int64_t>(KSize));
 }
-BENCHMARK(BM_Encrypt_CryptoPPCbcInMemory)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Encrypt_CryptoPPCbcInMemory)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(3);
 
 void BM_Encrypt_EncryptFile(benchmark::State& State) {
   TFixture& F = Fix();
@@ -100,7 +102,10 @@ void BM_Decrypt_CryptoPPCbcInMemory(benchmark::State& State) {
   if (Out != F.Data) State.SkipWithError("baseline decryption differs");
   State.SetBytesProcessed(State.iterations() * static_cast<int64_t>(KSize));
 }
-BENCHMARK(BM_Decrypt_CryptoPPCbcInMemory)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
+BENCHMARK(BM_Decrypt_CryptoPPCbcInMemory)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(3);
 
 void BM_Decrypt_DecryptFile(benchmark::State& State) {
   TFixture& F = Fix();
@@ -111,45 +116,13 @@ void BM_Decrypt_DecryptFile(benchmark::State& State) {
 }
 BENCHMARK(BM_Decrypt_DecryptFile)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
-// Keeps the real time per iteration of every run and prints each file
-// function's throughput relative to its baseline.
-class TRatioReporter : public benchmark::ConsoleReporter {
- public:
-  // Keyed by function and argument; with repetitions the median counts.
-  void ReportRuns(const std::vector<Run>& Runs) override {
-    for (const Run& R : Runs) {
-      std::string Key = R.run_name.function_name;
-      if (!R.run_name.args.empty()) Key += "/" + R.run_name.args;
-      const bool Median = R.run_type == Run::RT_Aggregate && R.aggregate_name == "median";
-      if (Median || (R.run_type == Run::RT_Iteration && !Medians.count(Key))) Times[Key] = R.GetAdjustedRealTime();
-      if (Median) Medians.insert(Key);
-    }
-    ConsoleReporter::ReportRuns(Runs);
-  }
-  void Finalize() override {
-    ConsoleReporter::Finalize();
-    Ratio("EncryptFile", "BM_Encrypt_EncryptFile", "BM_Encrypt_CryptoPPCbcInMemory");
-    Ratio("DecryptFile", "BM_Decrypt_DecryptFile", "BM_Decrypt_CryptoPPCbcInMemory");
-  }
-
- private:
-  void Ratio(const char* What, const std::string& Mine, const std::string& Base) {
-    auto M = Find(Mine), B = Find(Base);
-    if (M > 0 && B > 0)
-      std::printf("%s throughput / Crypto++ CBC in memory: %.2fx\n", What, B / M);
-  }
-  double Find(const std::string& Key) { return Times.count(Key) ? Times[Key] : 0; }
-  std::map<std::string, double> Times;
-  std::set<std::string> Medians;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  TRatioReporter Reporter;
-  benchmark::RunSpecifiedBenchmarks(&Reporter);
-  benchmark::Shutdown();
-  return 0;
+  vel_bench::TRatioReporter Reporter(
+      false, {{"EncryptFile throughput / Crypto++ CBC in memory", "BM_Encrypt_EncryptFile",
+               "BM_Encrypt_CryptoPPCbcInMemory", true},
+              {"DecryptFile throughput / Crypto++ CBC in memory", "BM_Decrypt_DecryptFile",
+               "BM_Decrypt_CryptoPPCbcInMemory", true}});
+  return vel_bench::RunWithRatios(argc, argv, Reporter);
 }

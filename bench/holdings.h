@@ -1,7 +1,7 @@
 // The graph the streaming benchmarks write and read: a root whose
 // collection holds 100,000 holdings with 8 non-default properties each.
-// Included by one source file per benchmark program (it defines the
-// classes' type information).
+// Included by one source file per program, each streaming benchmark and the
+// XML streamer's test (it defines the classes' type information).
 #pragma once
 
 #include <cstdio>

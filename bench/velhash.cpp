@@ -9,30 +9,22 @@
 // ratios printed at the end are of CPU time (all single-threaded), which
 // other processes on the machine disturb less than wall time.
 //
-// Own main instead of BENCHMARK_MAIN: it prints the time ratios at the end.
+// Own main instead of BENCHMARK_MAIN: it prints the time ratios at the end
+// (bench/ratio_reporter.h).
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
 #include <map>
-#include <set>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "../tests/fnv_hash_table.h"
+#include "ratio_reporter.h"
 #include "vel/velHash.h"
 
 namespace {
-
-class TFnvTable : public vel::TCustomHashTable {
- public:
-  int32_t HashSize() const override { return 65536; }
-  int32_t HashFunc(const vel::Variant& Key) const override {
-    uint32_t H = 2166136261u;
-    for (const char C : vel::VarToStr(Key)) H = (H ^ static_cast<uint8_t>(C)) * 16777619u;
-    return static_cast<int32_t>(H & 0xFFFF);
-  }
-};
 
 const std::vector<std::string>& Keys(size_t N) {
   static std::map<size_t, std::vector<std::string>> Cache;
@@ -64,7 +56,8 @@ void RunMap(benchmark::State& State) {
     std::unordered_map<std::string, std::vector<std::string>> M;
     for (const std::string& Key : K) {
       std::lock_guard<std::recursive_mutex> G(Lock);
-      if (!M.try_emplace(Key, std::vector<std::string>{"value"}).second) State.SkipWithError("duplicate");
+      if (!M.try_emplace(Key, std::vector<std::string>{"value"}).second)
+        State.SkipWithError("duplicate");
     }
     size_t Found = 0;
     for (const std::string& Key : K) {
@@ -76,50 +69,29 @@ void RunMap(benchmark::State& State) {
   State.SetItemsProcessed(State.iterations() * State.range(0) * 2);
 }
 
-void BM_StringKeyHashTable(benchmark::State& State) { RunTable<vel::TStringKeyHashTable>(State); }
-void BM_FnvHashTable(benchmark::State& State) { RunTable<TFnvTable>(State); }
-void BM_UnorderedMapBaseline(benchmark::State& State) { RunMap(State); }
+void BM_StringKeyHashTable(benchmark::State& State) {
+  RunTable<vel::TStringKeyHashTable>(State);
+}
+void BM_FnvHashTable(benchmark::State& State) {
+  RunTable<TFnvTable>(State);
+}
+void BM_UnorderedMapBaseline(benchmark::State& State) {
+  RunMap(State);
+}
 
 BENCHMARK(BM_UnorderedMapBaseline)->Arg(10000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StringKeyHashTable)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FnvHashTable)->Arg(10000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
-class TRatioReporter : public benchmark::ConsoleReporter {
- public:
-  // Keyed by function and argument; with repetitions the median counts.
-  void ReportRuns(const std::vector<Run>& Runs) override {
-    for (const Run& R : Runs) {
-      std::string Key = R.run_name.function_name;
-      if (!R.run_name.args.empty()) Key += "/" + R.run_name.args;
-      const bool Median = R.run_type == Run::RT_Aggregate && R.aggregate_name == "median";
-      if (Median || (R.run_type == Run::RT_Iteration && !Medians.count(Key))) Times[Key] = R.GetAdjustedCPUTime();
-      if (Median) Medians.insert(Key);
-    }
-    ConsoleReporter::ReportRuns(Runs);
-  }
-  void Finalize() override {
-    ConsoleReporter::Finalize();
-    Ratio("BM_StringKeyHashTable/10000", "BM_UnorderedMapBaseline/10000");
-    Ratio("BM_FnvHashTable/10000", "BM_UnorderedMapBaseline/10000");
-    Ratio("BM_FnvHashTable/1000000", "BM_UnorderedMapBaseline/1000000");
-  }
-
- private:
-  void Ratio(const std::string& Mine, const std::string& Base) {
-    if (Times.count(Mine) && Times.count(Base))
-      std::printf("%s time / %s time: %.2fx\n", Mine.c_str(), Base.c_str(), Times[Mine] / Times[Base]);
-  }
-  std::map<std::string, double> Times;
-  std::set<std::string> Medians;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  TRatioReporter Reporter;
-  benchmark::RunSpecifiedBenchmarks(&Reporter);
-  benchmark::Shutdown();
-  return 0;
+  const auto Row = [](const std::string& Mine, const std::string& Base) {
+    return vel_bench::TRatio{Mine + " time / " + Base + " time", Mine, Base};
+  };
+  vel_bench::TRatioReporter Reporter(
+      true, {Row("BM_StringKeyHashTable/10000", "BM_UnorderedMapBaseline/10000"),
+             Row("BM_FnvHashTable/10000", "BM_UnorderedMapBaseline/10000"),
+             Row("BM_FnvHashTable/1000000", "BM_UnorderedMapBaseline/1000000")});
+  return vel_bench::RunWithRatios(argc, argv, Reporter);
 }

@@ -2,11 +2,13 @@
 // and Assign between persistent objects.
 #include <gtest/gtest.h>
 
+#include "storage_test_util.h"
 #include "vel/rtl/Components.h"
 #include "vel/rtl/Lists.h"
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
+using storage_test::Error;
 
 namespace comp {
 
@@ -91,12 +93,7 @@ TEST(Components, InsertRemoveAndIndexErrors) {
   Owner2.RemoveComponent(X);
   EXPECT_EQ(X->Owner(), nullptr);
   delete X;
-  try {
-    Owner1.Components(0);
-    FAIL() << "no exception";
-  } catch (const EListError& E) {
-    EXPECT_STREQ(E.what(), "List index out of bounds (0)");
-  }
+  EXPECT_EQ(Error([&] { Owner1.Components(0); }), "EListError: List index out of bounds (0)");
 }
 
 TEST(Components, NamesAreValidatedAndUniquePerOwner) {
@@ -105,18 +102,10 @@ TEST(Components, NamesAreValidatedAndUniquePerOwner) {
   auto* B = new TComponent(&Owner);
   A->SetName("Button1");
   EXPECT_EQ(Owner.FindComponent("BUTTON1"), A);
-  try {
-    B->SetName("button1");
-    FAIL() << "no exception";
-  } catch (const EComponentError& E) {
-    EXPECT_STREQ(E.what(), "A component named button1 already exists");
-  }
-  try {
-    B->SetName("1abc");
-    FAIL() << "no exception";
-  } catch (const EComponentError& E) {
-    EXPECT_STREQ(E.what(), "'1abc' is not a valid component name");
-  }
+  EXPECT_EQ(Error([&] { B->SetName("button1"); }),
+            "EComponentError: A component named button1 already exists");
+  EXPECT_EQ(Error([&] { B->SetName("1abc"); }),
+            "EComponentError: '1abc' is not a valid component name");
   A->SetName("BUTTON1");  // a change of letter case only is allowed
   EXPECT_EQ(A->Name(), "BUTTON1");
   B->SetName("");
@@ -198,12 +187,7 @@ TEST(Collections, AddCreatesItemsOfTheItemClassAndOwnsThem) {
     B = static_cast<TItem*>(Col.Items(0));
     B->SetIndex(1);
     EXPECT_EQ(Col.Items(1), B);
-    try {
-      Col.Items(2);
-      FAIL() << "no exception";
-    } catch (const EListError& E) {
-      EXPECT_STREQ(E.what(), "List index out of bounds (2)");
-    }
+    EXPECT_EQ(Error([&] { Col.Items(2); }), "EListError: List index out of bounds (2)");
   }
   EXPECT_EQ(TItem::Live, 0);  // the collection freed the rest
 }
@@ -237,18 +221,10 @@ TEST(Collections, LargeClearIsLinear) {
 TEST(Persistent, AssignErrorsNameBothClasses) {
   TPersistent A;
   TCollection B;
-  try {
-    A.Assign(&B);
-    FAIL() << "no exception";
-  } catch (const EConvertError& E) {
-    EXPECT_STREQ(E.what(), "Cannot assign a TCollection to a TPersistent");
-  }
-  try {
-    A.Assign(nullptr);
-    FAIL() << "no exception";
-  } catch (const EConvertError& E) {
-    EXPECT_STREQ(E.what(), "Cannot assign a nil to a TPersistent");
-  }
+  EXPECT_EQ(Error([&] { A.Assign(&B); }),
+            "EConvertError: Cannot assign a TCollection to a TPersistent");
+  EXPECT_EQ(Error([&] { A.Assign(nullptr); }),
+            "EConvertError: Cannot assign a nil to a TPersistent");
 }
 
 TEST(ComponentLists, ForgetComponentsFreedElsewhereAndFreeTheRest) {

@@ -7,19 +7,20 @@
 
 #include <cryptopp/cast.h>
 #include <cryptopp/modes.h>
-#include <sys/stat.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <numeric>
 #include <random>
 #include <vector>
 
+#include "file_test_util.h"
+#include "storage_test_util.h"
 #include "vel/Cryption.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SysUtils.h"
 
 using namespace vel;
+using storage_test::Error;
 namespace fs = std::filesystem;
 
 namespace {
@@ -28,12 +29,17 @@ using Bytes = std::string;
 
 Bytes FromHex(const std::string& H) {
   Bytes B;
-  for (size_t I = 0; I + 1 < H.size(); I += 2) B += static_cast<char>(std::stoi(H.substr(I, 2), nullptr, 16));
+  for (size_t I = 0; I + 1 < H.size(); I += 2)
+    B += static_cast<char>(std::stoi(H.substr(I, 2), nullptr, 16));
   return B;
 }
 
-const uint8_t* U(const Bytes& B) { return reinterpret_cast<const uint8_t*>(B.data()); }
-uint8_t* U(Bytes& B) { return reinterpret_cast<uint8_t*>(B.data()); }
+const uint8_t* U(const Bytes& B) {
+  return reinterpret_cast<const uint8_t*>(B.data());
+}
+uint8_t* U(Bytes& B) {
+  return reinterpret_cast<uint8_t*>(B.data());
+}
 
 Bytes RandomBytes(size_t N, uint32_t Seed) {
   std::mt19937 G(Seed);
@@ -43,35 +49,26 @@ Bytes RandomBytes(size_t N, uint32_t Seed) {
 }
 
 // The chaining written with Crypto++'s modes: CBC over the whole blocks from
-// IV = E(0), then CFB (full-block feedback) from the last cipher block for
-// the tail.
+// IV = E(0), then CFB (full-block feedback) for the tail from the last
+// cipher block, or from IV when there is none.
 Bytes RefCrypt(const Bytes& Key, const Bytes& In, bool Enc) {
-  CryptoPP::CAST256::Encryption E(U(Key), Key.size());
+  using namespace CryptoPP;
   uint8_t IV[16] = {};
-  E.ProcessBlock(IV);
+  CAST256::Encryption(U(Key), Key.size()).ProcessBlock(IV);
   Bytes Out(In.size(), '\0');
-  const size_t Whole = In.size() / 16 * 16;
-  uint8_t CV[16];
-  std::memcpy(CV, IV, 16);
-  if (Whole > 0) {
-    if (Enc) {
-      CryptoPP::CBC_Mode<CryptoPP::CAST256>::Encryption C(U(Key), Key.size(), IV);
-      C.ProcessData(U(Out), U(In), Whole);
-      std::memcpy(CV, U(Out) + Whole - 16, 16);
-    } else {
-      CryptoPP::CBC_Mode<CryptoPP::CAST256>::Decryption C(U(Key), Key.size(), IV);
-      C.ProcessData(U(Out), U(In), Whole);
-      std::memcpy(CV, U(In) + Whole - 16, 16);
-    }
+  const size_t Whole = In.size() / 16 * 16, Tail = In.size() - Whole;
+  if (Enc) {
+    CBC_Mode<CAST256>::Encryption(U(Key), Key.size(), IV).ProcessData(U(Out), U(In), Whole);
+  } else {
+    CBC_Mode<CAST256>::Decryption(U(Key), Key.size(), IV).ProcessData(U(Out), U(In), Whole);
   }
-  if (In.size() > Whole) {
-    if (Enc) {
-      CryptoPP::CFB_Mode<CryptoPP::CAST256>::Encryption C(U(Key), Key.size(), CV);
-      C.ProcessData(U(Out) + Whole, U(In) + Whole, In.size() - Whole);
-    } else {
-      CryptoPP::CFB_Mode<CryptoPP::CAST256>::Decryption C(U(Key), Key.size(), CV);
-      C.ProcessData(U(Out) + Whole, U(In) + Whole, In.size() - Whole);
-    }
+  const uint8_t* CV = Whole ? U(Enc ? Out : In) + Whole - 16 : IV;
+  if (Enc) {
+    CFB_Mode<CAST256>::Encryption(U(Key), Key.size(), CV)
+        .ProcessData(U(Out) + Whole, U(In) + Whole, Tail);
+  } else {
+    CFB_Mode<CAST256>::Decryption(U(Key), Key.size(), CV)
+        .ProcessData(U(Out) + Whole, U(In) + Whole, Tail);
   }
   return Out;
 }
@@ -95,14 +92,10 @@ Bytes RefEncryptedFile(const Bytes& PassPhrase, const Bytes& Data, bool Znd) {
   return Out;
 }
 
-class CryptFiles : public ::testing::Test {
+class CryptFiles : public storage_test::ScratchDir {
  protected:
   void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_cryption_XXXXXX";
-    fs::create_directories(fs::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
+    ScratchDir::SetUp();
     Saved = SetDialogSink([this](const std::string& Text, const std::string&, UINT) {
       Dialogs.push_back(Text);
       return IDOK;
@@ -110,18 +103,36 @@ class CryptFiles : public ::testing::Test {
   }
   void TearDown() override {
     SetDialogSink(Saved);
-    std::error_code Ec;
-    fs::remove_all(Dir, Ec);
+    ScratchDir::TearDown();
   }
-  std::string Path(const std::string& Name) const { return Dir + "/" + Name; }
-  void Put(const std::string& Name, const Bytes& Data) {
-    std::ofstream(Path(Name), std::ios::binary).write(Data.data(), static_cast<std::streamsize>(Data.size()));
+  void Put(const std::string& Name, const Bytes& Data) { file_test::WriteAll(Path(Name), Data); }
+  static Bytes Get(const std::string& Full) { return file_test::ReadAll(Full); }
+  // Encrypts Data from data.doc (data.znd), checks the file against the
+  // reference and decrypts it back.
+  void RoundTrip(const Bytes& Phrase, const Bytes& Data, bool Znd) {
+    const size_t N = Data.size();
+    const std::string Src = Znd ? "data.znd" : "data.doc";
+    Put(Src, Data);
+    const std::string Enc = EncryptFile(Path(Src), Phrase, "", true);
+    ASSERT_EQ(Enc, Path(Znd ? "data.~znd" : "data.~doc"));
+    const Bytes File = Get(Enc);
+    ASSERT_EQ(File.size(), N + 32);
+    ASSERT_EQ(File, RefEncryptedFile(Phrase, Data, Znd));
+    ASSERT_EQ(Get(Path(Src)), Data);
+    const std::string Dec = DecryptFile(Enc, Phrase, "plain");
+    ASSERT_EQ(Dec, Path("data.plain"));
+    const Bytes Back = Get(Dec);
+    if (!Znd || N == 0) {
+      ASSERT_EQ(Back, Data);
+      return;
+    }
+    // The plain last byte comes back run through the decryption; when it
+    // completes a whole block, that block's 15 bytes before it too.
+    const size_t Kept = N % 16 == 0 ? N - 16 : N - 1;
+    ASSERT_EQ(Back.substr(0, Kept), Data.substr(0, Kept));
+    ASSERT_NE(Back.substr(Kept), Data.substr(Kept));
+    ASSERT_EQ(Back, RefCrypt(KeyBlock(Phrase), File.substr(32), false));
   }
-  static Bytes Get(const std::string& Full) {
-    std::ifstream F(Full, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(F), {});
-  }
-  std::string Dir;
   TDialogSink Saved;
   std::vector<std::string> Dialogs;
 };
@@ -152,39 +163,38 @@ TEST(Cast256, BlockFunctionMatchesRfc2612) {
   EXPECT_THROW(Cipher.Init("0123456789abcdef0123", 168), EInvalidOperation);
 }
 
-// One call and 8192-byte pieces give the reference's bytes, both ways, also
-// in place; sizes cover empty, partial, whole and the parallel decryption.
+// One call and 8192-byte pieces in place give the reference's bytes, both
+// ways; sizes cover empty, partial, whole and the parallel decryption.
 TEST(Cast256, ChainingMatchesReferenceModes) {
   const Bytes Key = RandomBytes(32, 7);
-  std::vector<size_t> Sizes;
-  for (size_t N = 0; N <= 40; ++N) Sizes.push_back(N);
-  for (size_t N : {8191, 8192, 8193, 16383, 16384, 16385, 65535, 65536, 65552, 200001}) Sizes.push_back(N);
+  std::vector<size_t> Sizes(41);
+  std::iota(Sizes.begin(), Sizes.end(), 0);
+  Sizes.insert(Sizes.end(), {8191, 8192, 8193, 16383, 16384, 16385, 65535, 65536, 65552, 200001});
+  TCast256Cipher C;
+  C.Init(Key.data(), 256);
+  // From a reset chaining value: one call into a second buffer, or pieces
+  // in place.
+  const auto Run = [&](bool Enc, const Bytes& In, bool InPlace) {
+    C.Reset();
+    Bytes Out = InPlace ? In : Bytes(In.size(), '\0');
+    const Bytes& Src = InPlace ? Out : In;
+    const size_t Piece = InPlace ? 8192 : In.size() + 1;
+    size_t At = 0;
+    do {
+      const size_t N = std::min(Piece, In.size() - At);
+      Enc ? C.Encrypt(&Src[At], &Out[At], N) : C.Decrypt(&Src[At], &Out[At], N);
+    } while ((At += Piece) < In.size());
+    return Out;
+  };
   for (const size_t N : Sizes) {
     SCOPED_TRACE(N);
     const Bytes Plain = RandomBytes(N, static_cast<uint32_t>(N));
     const Bytes Expected = RefCrypt(Key, Plain, true);
-
-    TCast256Cipher C;
-    C.Init(Key.data(), 256);
-    Bytes Once(N, '\0');
-    C.Encrypt(Plain.data(), Once.data(), N);
-    ASSERT_EQ(Once, Expected);
-
-    C.Reset();
-    Bytes Pieces = Plain;
-    for (size_t At = 0; At < N; At += 8192) C.Encrypt(&Pieces[At], &Pieces[At], std::min<size_t>(8192, N - At));
-    ASSERT_EQ(Pieces, Expected);
-
-    C.Reset();
-    Bytes Back(N, '\0');
-    C.Decrypt(Expected.data(), Back.data(), N);
-    ASSERT_EQ(Back, Plain);
     ASSERT_EQ(RefCrypt(Key, Expected, false), Plain);
-
-    C.Reset();
-    Bytes InPlace = Expected;
-    for (size_t At = 0; At < N; At += 8192) C.Decrypt(&InPlace[At], &InPlace[At], std::min<size_t>(8192, N - At));
-    ASSERT_EQ(InPlace, Plain);
+    for (const bool InPlace : {false, true}) {
+      ASSERT_EQ(Run(true, Plain, InPlace), Expected);
+      ASSERT_EQ(Run(false, Expected, InPlace), Plain);
+    }
   }
 }
 
@@ -208,43 +218,16 @@ TEST(Cast256, PartialBlockAdvancesChaining) {
 }
 
 TEST_F(CryptFiles, EncryptedFilesHaveExactBytesAndRoundTrip) {
-  const Bytes Phrases[] = {
-      Bytes(),
-      Bytes("\x9C"),
-      Bytes("\xE9t\xE9 \x80 twenty bytes!"),
-      RandomBytes(32, 1),
-      RandomBytes(40, 2),
-  };
-  std::vector<size_t> Sizes;
-  for (size_t N = 0; N <= 40; ++N) Sizes.push_back(N);
-  for (size_t N : {8191, 8192, 8193, 16383, 16384, 16385, 3 * 131072 + 5}) Sizes.push_back(N);
+  const Bytes Phrases[] = {Bytes(), Bytes("\x9C"), Bytes("\xE9t\xE9 \x80 twenty bytes!"),
+                           RandomBytes(32, 1), RandomBytes(40, 2)};
+  std::vector<size_t> Sizes(41);
+  std::iota(Sizes.begin(), Sizes.end(), 0);
+  Sizes.insert(Sizes.end(), {8191, 8192, 8193, 16383, 16384, 16385, 3 * 131072 + 5});
   for (const Bytes& Phrase : Phrases) {
     for (const size_t N : Sizes) {
       for (const bool Znd : {false, true}) {
-        SCOPED_TRACE(testing::Message() << "phrase " << Phrase.size() << " size " << N << " znd " << Znd);
-        const Bytes Data = RandomBytes(N, static_cast<uint32_t>(N * 3 + Phrase.size()));
-        const std::string Src = Znd ? "data.znd" : "data.doc";
-        Put(Src, Data);
-        const std::string Enc = EncryptFile(Path(Src), Phrase, "", true);
-        ASSERT_EQ(Enc, Path(Znd ? "data.~znd" : "data.~doc"));
-        const Bytes File = Get(Enc);
-        ASSERT_EQ(File.size(), N + 32);
-        ASSERT_EQ(File, RefEncryptedFile(Phrase, Data, Znd));
-        ASSERT_EQ(Get(Path(Src)), Data);
-
-        const std::string Dec = DecryptFile(Enc, Phrase, "plain");
-        ASSERT_EQ(Dec, Path("data.plain"));
-        const Bytes Back = Get(Dec);
-        if (!Znd || N == 0) {
-          ASSERT_EQ(Back, Data);
-        } else {
-          // The plain last byte comes back run through the decryption; when
-          // it completes a whole block, that block's 15 bytes before it too.
-          const size_t Kept = N % 16 == 0 ? N - 16 : N - 1;
-          ASSERT_EQ(Back.substr(0, Kept), Data.substr(0, Kept));
-          ASSERT_NE(Back.substr(Kept), Data.substr(Kept));
-          ASSERT_EQ(Back, RefCrypt(KeyBlock(Phrase), File.substr(32), false));
-        }
+        SCOPED_TRACE(testing::Message() << "phrase " << Phrase.size() << " size " << N);
+        RoundTrip(Phrase, RandomBytes(N, static_cast<uint32_t>(N * 3 + Phrase.size())), Znd);
       }
     }
   }
@@ -257,58 +240,44 @@ TEST_F(CryptFiles, LargeFilesHaveExactBytes) {
   constexpr size_t MiB = 1u << 20;
   for (const size_t N : {2 * MiB, 2 * MiB + 17, 3 * MiB - 1}) {
     for (const bool Znd : {false, true}) {
-      SCOPED_TRACE(testing::Message() << "size " << N << " znd " << Znd);
-      const Bytes Data = RandomBytes(N, static_cast<uint32_t>(N));
-      const std::string Src = Znd ? "big.znd" : "big.bin";
-      Put(Src, Data);
-      const std::string Enc = EncryptFile(Path(Src), "large", "enc", true);
-      const Bytes File = Get(Enc);
-      ASSERT_EQ(File, RefEncryptedFile("large", Data, Znd));
-      ASSERT_EQ(Get(DecryptFile(Enc, "large", "dec")), RefCrypt(KeyBlock("large"), File.substr(32), false));
+      SCOPED_TRACE(N);
+      RoundTrip("large", RandomBytes(N, static_cast<uint32_t>(N)), Znd);
     }
   }
 }
 
-// ".znd" as output extension selects the mode as well; a 10-byte source
-// keeps its last byte.
-TEST_F(CryptFiles, ZndOutputExtensionKeepsLastByte) {
-  const Bytes Data = "0123456789";
-  Put("short.txt", Data);
-  const std::string Enc = EncryptFile(Path("short.txt"), "pw", "ZND", false);
-  EXPECT_EQ(Enc, Path("EncryptedFile.ZND"));
-  const Bytes File = Get(Enc);
-  ASSERT_EQ(File.size(), 42u);
-  EXPECT_EQ(File.back(), '9');
-  EXPECT_EQ(File, RefEncryptedFile("pw", Data, true));
-}
-
+// The names of outputs; ".znd" as output extension selects the mode as well
+// (a 10-byte source keeps its last byte); encrypting again replaces an
+// earlier output.
 TEST_F(CryptFiles, OutputNames) {
+  Put("big.doc", RandomBytes(5000, 3));
+  EXPECT_EQ(EncryptFile(Path("big.doc"), "k", "", false), Path("EncryptedFile.~doc"));
   Put("report.doc", "x");
   struct {
     const char* Ext;
     bool Keep;
     const char* Out;
   } const Cases[] = {
-      {"", false, "EncryptedFile.~doc"}, {"  ", false, "EncryptedFile.~doc"},
-      {"", true, "report.~doc"},         {"enc", true, "report.enc"},
+      {"", false, "EncryptedFile.~doc"},
+      {"  ", false, "EncryptedFile.~doc"},
+      {"", true, "report.~doc"},
+      {"enc", true, "report.enc"},
       {" enc", false, "EncryptedFile. enc"},
   };
-  for (const auto& C : Cases) EXPECT_EQ(EncryptFile(Path("report.doc"), "k", C.Ext, C.Keep), Path(C.Out));
+  for (const auto& C : Cases) {
+    EXPECT_EQ(EncryptFile(Path("report.doc"), "k", C.Ext, C.Keep), Path(C.Out));
+  }
+  EXPECT_EQ(Get(Path("EncryptedFile.~doc")), RefEncryptedFile("k", "x", false));
   Put("noext", "y");
   EXPECT_EQ(EncryptFile(Path("noext"), "k", "", true), Path("noext.~"));
+  Put("short.txt", "0123456789");
+  EXPECT_EQ(EncryptFile(Path("short.txt"), "pw", "ZND", false), Path("EncryptedFile.ZND"));
+  EXPECT_EQ(Get(Path("EncryptedFile.ZND")), RefEncryptedFile("pw", "0123456789", true));
 
   EXPECT_EQ(DecryptFile(Path("report.~doc"), "k", ""), Path("report.~~doc"));
   EXPECT_EQ(Get(Path("report.~~doc")), "x");
   EXPECT_EQ(DecryptFile(Path("report.~doc"), "k", "doc"), Path("report.doc"));
   EXPECT_EQ(Get(Path("report.doc")), "x");
-}
-
-TEST_F(CryptFiles, EncryptTwiceReplacesEarlierOutput) {
-  Put("a.bin", RandomBytes(5000, 3));
-  Put("b.bin", "bb");
-  EXPECT_EQ(EncryptFile(Path("a.bin"), "k", "", false), Path("EncryptedFile.~bin"));
-  EXPECT_EQ(EncryptFile(Path("b.bin"), "k", "", false), Path("EncryptedFile.~bin"));
-  EXPECT_EQ(Get(Path("EncryptedFile.~bin")), RefEncryptedFile("k", "bb", false));
 }
 
 // Only the first 32 key bytes count, padded with 0xFF.
@@ -349,19 +318,10 @@ TEST_F(CryptFiles, MissingSourceShowsDialogAndCreatesNothing) {
 
 TEST_F(CryptFiles, FailuresRaiseWithRuntimeTexts) {
   // Decryption: file errors without a dialog.
-  try {
-    DecryptFile(Path("gone.enc"), "k", "x");
-    FAIL() << "no exception";
-  } catch (const EInOutError& E) {
-    EXPECT_STREQ(E.what(), "File not found");
-  }
+  EXPECT_EQ(Error([&] { DecryptFile(Path("gone.enc"), "k", "x"); }), "EInOutError: File not found");
   Put("short.enc", Bytes(31, 'z'));
-  try {
-    DecryptFile(Path("short.enc"), "k", "x");
-    FAIL() << "no exception";
-  } catch (const EInOutError& E) {
-    EXPECT_STREQ(E.what(), "Read beyond end of file");
-  }
+  EXPECT_EQ(Error([&] { DecryptFile(Path("short.enc"), "k", "x"); }),
+            "EInOutError: Read beyond end of file");
   EXPECT_TRUE(fs::exists(Path("short.x")));
   EXPECT_TRUE(Dialogs.empty());
 
@@ -369,14 +329,12 @@ TEST_F(CryptFiles, FailuresRaiseWithRuntimeTexts) {
   Put("src.doc", "abc");
   fs::create_directory(Path("EncryptedFile.~doc"));
   EXPECT_THROW(EncryptFile(Path("src.doc"), "k", "", false), EInOutError);
-  ASSERT_EQ(Dialogs.size(), 1u);
-  EXPECT_EQ(Dialogs[0], "Encryption was unsuccessful...Reason: File access denied");
-
   // Writing over the source is refused in both directions; the source stays.
-  Dialogs.clear();
   EXPECT_THROW(EncryptFile(Path("src.doc"), "k", "doc", true), EInOutError);
-  ASSERT_EQ(Dialogs.size(), 1u);
-  EXPECT_EQ(Dialogs[0], "Encryption was unsuccessful...Reason: Cannot write " + Path("src.doc") + " over itself");
+  EXPECT_EQ(Dialogs,
+            (std::vector<std::string>{"Encryption was unsuccessful...Reason: File access denied",
+                                      "Encryption was unsuccessful...Reason: Cannot write " +
+                                          Path("src.doc") + " over itself"}));
   EXPECT_THROW(DecryptFile(Path("src.doc"), "k", "doc"), EInOutError);
   EXPECT_EQ(Get(Path("src.doc")), "abc");
 }

@@ -4,9 +4,8 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
-#include <filesystem>
-
+#include "file_test_util.h"
+#include "storage_test_util.h"
 #include "vel/ExStreams.h"
 #include "vel/rtl/SysUtils.h"
 
@@ -14,28 +13,17 @@ using namespace vel;
 
 namespace {
 
-class TextStreamFiles : public ::testing::Test {
+class TextStreamFiles : public storage_test::ScratchDir {
  protected:
   void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_exstreams_XXXXXX";
-    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
+    ScratchDir::SetUp();
     Saved = FormatSettings;
   }
   void TearDown() override {
     FormatSettings = Saved;
-    std::error_code Ec;
-    std::filesystem::remove_all(Dir, Ec);
+    ScratchDir::TearDown();
   }
-  std::string Path(const std::string& Name) const { return Dir + "/" + Name; }
-  std::string Get(const std::string& Name) {
-    TMemoryStream M;
-    M.LoadFromFile(Path(Name));
-    return std::string(static_cast<const char*>(M.Memory()), static_cast<size_t>(M.GetSize()));
-  }
-  std::string Dir;
+  std::string Get(const std::string& Name) { return file_test::ReadAll(Path(Name)); }
   TFormatSettings Saved;
 };
 
@@ -61,17 +49,16 @@ TEST_F(TextStreamFiles, HelpersWriteExactBytes) {
     S.WriteNewLine(" a");  // a break, then the text untrimmed
     S.WriteIdent("Tag");
     S.WriteIdent("");
-    S.WriteInteger(-42);
-    S.WriteString("|");
-    S.WriteInteger(2147483647);
-    S.WriteString("|");
-    S.WriteFloat(0.1L);
-    S.WriteString("|");
-    S.WriteFloat(1e20L);
-    S.WriteString("|");
-    S.WriteFloat(-2.5L);
+    for (const int32_t N : {-42, 2147483647}) {
+      S.WriteInteger(N);
+      S.WriteString("|");
+    }
+    for (const long double F : {0.1L, 1e20L, -2.5L}) {
+      S.WriteFloat(F);
+      S.WriteString("|");
+    }
   }
-  EXPECT_EQ(Get("a.txt"), "abc\r a<Tag><>-42|2147483647|0.1|1E20|-2.5");
+  EXPECT_EQ(Get("a.txt"), "abc\r a<Tag><>-42|2147483647|0.1|1E20|-2.5|");
 }
 
 TEST_F(TextStreamFiles, DatesUseTheRuntimeSeparators) {

@@ -3,6 +3,10 @@
 // the 4 GiB limit, and no descriptor left open by any path.
 #include <gtest/gtest.h>
 
+// Before <fcntl.h>, whose LOCK_WRITE macro would clash with the COM header's
+// constant of that name.
+#include "storage_test_util.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,6 +17,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "file_test_util.h"
 #include "vel/ExtendedClasses.h"
 #include "vel/rtl/Streams.h"
 
@@ -21,44 +26,25 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class MemoryMap : public ::testing::Test {
+// A scratch folder per case, and no descriptor left open by the case.
+class MemoryMap : public storage_test::ScratchDir {
  protected:
   void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_memorymap_XXXXXX";
-    fs::create_directories(fs::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
+    ScratchDir::SetUp();
     FdsAtStart = OpenFds();
   }
   void TearDown() override {
     EXPECT_EQ(OpenFds(), FdsAtStart) << "a descriptor was left open";
-    std::error_code Ec;
-    fs::remove_all(Dir, Ec);
+    ScratchDir::TearDown();
   }
   static size_t OpenFds() {
-    size_t N = 0;
-    for (auto It = fs::directory_iterator("/proc/self/fd"); It != fs::directory_iterator(); ++It) ++N;
-    return N;
-  }
-  std::string Path(const std::string& Name) const { return Dir + "/" + Name; }
-  void Put(const std::string& Name, const std::string& Data) {
-    std::ofstream(Path(Name), std::ios::binary) << Data;
-  }
-  static std::string Get(const std::string& Full) {
-    std::ifstream F(Full, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(F), {});
+    return static_cast<size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
   }
   template <class F>
   static std::string ErrorOf(F&& Fn) {
-    try {
-      Fn();
-    } catch (const EMemoryMapFile& E) {
-      return E.what();
-    }
-    return "no EMemoryMapFile";
+    const std::string E = storage_test::Error(Fn);
+    return E.rfind("EMemoryMapFile: ", 0) == 0 ? E.substr(16) : E;
   }
-  std::string Dir;
   size_t FdsAtStart = 0;
 };
 
@@ -69,11 +55,12 @@ TEST_F(MemoryMap, FailuresNameTheFileAndReleaseEverything) {
   EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Missing, fmOpenRead, 0); }),
             "Unable to load file " + Missing + " for memory mapping");
 
-  Put("data.bin", "content");
+  file_test::WriteAll(Path("data.bin"), "content");
   const std::string Data = Path("data.bin");
   // Pages for writing need a file opened for reading and writing.
   for (const int32_t Mode : {int32_t(fmOpenWrite), int32_t(fmOpenRead | fmShareDenyNone)}) {
-    EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Data, Mode, 0); }), "Unable to Map File " + Data) << Mode;
+    EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Data, Mode, 0); }), "Unable to Map File " + Data)
+        << Mode;
   }
   EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Data, 3, 0); }),
             "Unable to load file " + Data + " for memory mapping");
@@ -88,7 +75,7 @@ TEST_F(MemoryMap, FailuresNameTheFileAndReleaseEverything) {
 }
 
 TEST_F(MemoryMap, ReadOnlyViewFaultsOnWrite) {
-  Put("ro.bin", "read only bytes");
+  file_test::WriteAll(Path("ro.bin"), "read only bytes");
   TMemoryMapFile M(Path("ro.bin"), fmOpenRead, 0);
   ASSERT_NE(M.Data(), nullptr);
   EXPECT_EQ(M.FileSize(), 15u);
@@ -109,11 +96,11 @@ TEST_F(MemoryMap, ReadOnlyViewFaultsOnWrite) {
   ASSERT_EQ(::waitpid(Child, &Status, 0), Child);
   ASSERT_TRUE(WIFSIGNALED(Status)) << "the write did not fault";
   EXPECT_TRUE(WTERMSIG(Status) == SIGSEGV || WTERMSIG(Status) == SIGBUS);
-  EXPECT_EQ(Get(Path("ro.bin")), "read only bytes");
+  EXPECT_EQ(file_test::ReadAll(Path("ro.bin")), "read only bytes");
 }
 
 TEST_F(MemoryMap, ReadWriteViewChangesTheFileAndIgnoresGrowth) {
-  Put("rw.bin", "abcdef");
+  file_test::WriteAll(Path("rw.bin"), "abcdef");
   {
     TMemoryMapFile M(Path("rw.bin"), fmOpenReadWrite, 0);
     EXPECT_EQ(M.Mode(), fmOpenReadWrite);
@@ -121,7 +108,7 @@ TEST_F(MemoryMap, ReadWriteViewChangesTheFileAndIgnoresGrowth) {
     std::ofstream(Path("rw.bin"), std::ios::binary | std::ios::app) << "more";
     EXPECT_EQ(M.FileSize(), 6u);
   }
-  EXPECT_EQ(Get(Path("rw.bin")), "XYcdefmore");
+  EXPECT_EQ(file_test::ReadAll(Path("rw.bin")), "XYcdefmore");
 }
 
 TEST_F(MemoryMap, FilesOf4GiBAreRefused) {

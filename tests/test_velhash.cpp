@@ -1,93 +1,70 @@
 // Hash tables: bucket choice, key equality across variant types, the debug
-// trace of the lock, walking while removing, and the table's invariants after
-// four threads have worked on it at once.
+// trace of the lock, walking while the table changes, and the table's
+// invariants after four threads have worked on it at once.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <set>
 #include <thread>
 #include <vector>
 
+#include "fnv_hash_table.h"
+#include "storage_test_util.h"
 #include "vel/rtl/Debug.h"
 #include "vel/velHash.h"
 
 using namespace vel;
+using storage_test::Error;
+using TKeys = std::vector<std::string>;
 
 namespace {
 
-template <class F>
-std::string ErrorOf(F&& Fn) {
-  try {
-    Fn();
-  } catch (const EHashError& E) {
-    return E.what();
-  }
-  return "no EHashError";
-}
-
-// A descendant with many buckets and FNV-1a over the key's string form.
-class TFnvTable : public TCustomHashTable {
- public:
-  int32_t HashSize() const override { return 65536; }
-  int32_t HashFunc(const Variant& Key) const override {
-    uint32_t H = 2166136261u;
-    for (const char C : VarToStr(Key)) H = (H ^ static_cast<uint8_t>(C)) * 16777619u;
-    return static_cast<int32_t>(H & 0xFFFF);
-  }
-};
-
-// Every invariant of the structure: both lists consistent and complete, each
-// item in the chain of its own bucket, counts matching, keys unique.
+// Every invariant of the structure: the all-items list consistent and
+// complete, each item in the chain of its own bucket, counts matching, keys
+// unique.
 void CheckInvariants(TCustomHashTable& T) {
   T.LockTable();
-  const int32_t Size = T.HashSize();
   std::set<const THashItem*> All;
   const THashItem* Prev = nullptr;
-  for (const THashItem* I = T.First(); I; I = I->Next) {
+  for (const THashItem* I = T.First(); I; Prev = I, I = I->Next) {
     ASSERT_EQ(I->Prev, Prev);
     ASSERT_TRUE(All.insert(I).second) << "cycle in the all-items list";
-    ASSERT_GE(I->Index, 0);
-    ASSERT_LT(I->Index, Size);
-    Prev = I;
   }
   ASSERT_EQ(static_cast<int32_t>(All.size()), T.Count());
-  int64_t Sum = 0;
   size_t InChains = 0;
   std::set<std::string> Keys;
-  for (int32_t B = 0; B < Size; ++B) {
-    const THashBucket& Bucket = T.Buckets()[B];
+  for (int32_t B = 0; B < T.HashSize(); ++B) {
     int32_t Len = 0;
     const THashItem* BPrev = nullptr;
-    for (const THashItem* I = Bucket.First; I; I = I->BucketNext) {
+    for (const THashItem* I = T.Buckets()[B].First; I; BPrev = I, I = I->BucketNext, ++Len) {
       ASSERT_EQ(I->BucketPrev, BPrev);
       ASSERT_EQ(I->Index, B);
       ASSERT_TRUE(All.count(I));
       ASSERT_TRUE(Keys.insert(VarToStr(I->Key)).second) << "duplicate key";
-      BPrev = I;
-      ++Len;
     }
-    ASSERT_EQ(Len, Bucket.Count);
-    Sum += Len;
+    ASSERT_EQ(Len, T.Buckets()[B].Count);
     InChains += static_cast<size_t>(Len);
   }
-  ASSERT_EQ(Sum, T.Count());
   ASSERT_EQ(InChains, All.size());
   T.UnlockTable();
 }
 
-// Records what each visit sees and optionally removes or raises.
+// Records the key of each visit, then lets the case act on the table.
 class TWalker : public TObject {
  public:
-  explicit TWalker(TCustomHashTable* T) : Table(T) {}
   void Visit(THashItem* Item) {
     Seen.push_back(VarToStr(Item->Key));
-    if (RaiseAt == Seen.back()) throw Exception("stop");
-    if (Remove) Table->RemoveItem(Item->Key);
+    if (Then) Then(Seen.back());
   }
-  TCustomHashTable* Table;
-  std::vector<std::string> Seen;
-  bool Remove = false;
-  std::string RaiseAt;
+  TKeys Walk(TCustomHashTable& T, std::function<void(const std::string&)> Action = {}) {
+    Seen.clear();
+    Then = std::move(Action);
+    T.WalkItems(TWalkItemProc::Bind<&TWalker::Visit>(this));
+    return Seen;
+  }
+  TKeys Seen;
+  std::function<void(const std::string&)> Then;
 };
 
 }  // namespace
@@ -98,10 +75,14 @@ TEST(StringKeyHashTable, BucketsFollowTheByteSum) {
     Variant Key;
     int32_t Bucket;
   } const Cases[] = {
-      {Variant(""), 0},           {Variant(), 0},
-      {Variant("ab"), 195},       {Variant("ba"), 195},
-      {Variant("Ab"), 163},       {Variant(12), 99},
-      {Variant("12"), 99},        {Variant("\xFF\x01"), 0},
+      {Variant(""), 0},
+      {Variant(), 0},
+      {Variant("ab"), 195},
+      {Variant("ba"), 195},
+      {Variant("Ab"), 163},
+      {Variant(12), 99},
+      {Variant("12"), 99},
+      {Variant("\xFF\x01"), 0},
       {Variant(std::string(300, 'z')), 300 * 122 % 256},
   };
   for (const auto& C : Cases) EXPECT_EQ(T.HashFunc(C.Key), C.Bucket) << VarToStr(C.Key);
@@ -116,22 +97,21 @@ TEST(StringKeyHashTable, KeysValuesAndErrors) {
   EXPECT_EQ(T.BucketCountByIdx(195), 2);
   EXPECT_EQ(T.GetValue("ba")->Text(), "second\r\n");
 
-  // 12 and "12" are one key.
+  // 12 and "12" are one key; failures change nothing.
   T.AddItem(12, "twelve");
-  EXPECT_EQ(ErrorOf([&] { T.AddItem("12", "again"); }), "Hash key already exists");
-  EXPECT_EQ(T.Count(), 3);
+  EXPECT_EQ(Error([&] { T.AddItem("12", "again"); }), "EHashError: Hash key already exists");
   EXPECT_EQ(T.GetValue("12")->Text(), "twelve\r\n");
-  EXPECT_EQ(ErrorOf([&] { T.GetValue("missing"); }), "Hash key not found");
-  EXPECT_EQ(ErrorOf([&] { T.RemoveItem("missing"); }), "Hash key not found");
-  EXPECT_EQ(ErrorOf([&] { T.BucketCountByIdx(-1); }), "Bucket index out of bounds");
-  EXPECT_EQ(ErrorOf([&] { T.BucketCountByIdx(256); }), "Bucket index out of bounds");
+  EXPECT_EQ(Error([&] { T.GetValue("missing"); }), "EHashError: Hash key not found");
+  EXPECT_EQ(Error([&] { T.RemoveItem("missing"); }), "EHashError: Hash key not found");
+  for (const int32_t Idx : {-1, 256}) {
+    EXPECT_EQ(Error([&] { T.BucketCountByIdx(Idx); }), "EHashError: Bucket index out of bounds");
+  }
   EXPECT_EQ(T.BucketCountByIdx(255), 0);
   EXPECT_EQ(T.Count(), 3);
 
   // SetValue copies; a missing key is ignored.
   TStringList L;
-  L.Add("x");
-  L.Add("y");
+  L.SetText("x\ny");
   T.SetValue("ab", &L);
   T.SetValue("nothing", &L);
   L.Clear();
@@ -140,94 +120,67 @@ TEST(StringKeyHashTable, KeysValuesAndErrors) {
 
   T.RemoveItem("ab");
   EXPECT_FALSE(T.KeyExists("ab"));
-  EXPECT_TRUE(T.KeyExists("ba"));
   EXPECT_EQ(T.BucketCountByKey("ba"), 1);
-  CheckInvariants(T);
 
+  // Clear empties every bucket (the invariants check their counts).
   T.Clear();
   EXPECT_EQ(T.Count(), 0);
-  EXPECT_EQ(T.First(), nullptr);
-  for (const char* K : {"ab", "ba", "12"}) EXPECT_FALSE(T.KeyExists(K));
-  for (int32_t I = 0; I < 256; ++I) ASSERT_EQ(T.BucketCountByIdx(I), 0);
-  T.AddItem("ab", "back");
+  EXPECT_FALSE(T.KeyExists("ba"));
   CheckInvariants(T);
 }
 
 TEST(StringKeyHashTable, LockWritesTheDebugTrace) {
-  std::vector<std::string> Lines;
+  TKeys Lines;
   TDebugOutputSink Saved = SetDebugOutputSink([&](const std::string& S) { Lines.push_back(S); });
   {
     TStringKeyHashTable T;
-    EXPECT_EQ(Lines, std::vector<std::string>{"InitializeCriticalSection"});
+    EXPECT_EQ(Lines, TKeys{"InitializeCriticalSection"});
     Lines.clear();
     T.AddItem("k", "v");  // AddItem and its nested FindItem
-    EXPECT_EQ(Lines, std::vector<std::string>(2, "EnterCriticalSection"));
+    EXPECT_EQ(Lines, TKeys(2, "EnterCriticalSection"));
     Lines.clear();
     T.BucketCountByIdx(0);  // no lock
     EXPECT_TRUE(Lines.empty());
     T.LockTable();
     T.UnlockTable();  // writes nothing
-    EXPECT_EQ(Lines, std::vector<std::string>{"EnterCriticalSection"});
+    EXPECT_EQ(Lines, TKeys{"EnterCriticalSection"});
     Lines.clear();
   }
   // Destroy, then Clear inside it, then the lock goes.
-  EXPECT_EQ(Lines, (std::vector<std::string>{"EnterCriticalSection", "EnterCriticalSection",
-                                             "DeleteCriticalSection"}));
+  EXPECT_EQ(Lines,
+            (TKeys{"EnterCriticalSection", "EnterCriticalSection", "DeleteCriticalSection"}));
   SetDebugOutputSink(Saved);
 }
 
-TEST(StringKeyHashTable, WalkItemsNewestFirstAndMayRemove) {
+// Newest first; the visited item may be removed, an item not yet visited
+// removed (it is skipped), items added (at the real head, behind the walk)
+// and the table cleared (the walk ends); the table stays consistent.
+TEST(StringKeyHashTable, WalkItemsSurvivesChangesByProc) {
   TStringKeyHashTable T;
+  TWalker W;
   for (const char* K : {"A", "B", "C"}) T.AddItem(K, K);
-  TWalker W(&T);
-  T.WalkItems(TWalkItemProc::Bind<&TWalker::Visit>(&W));
-  EXPECT_EQ(W.Seen, (std::vector<std::string>{"C", "B", "A"}));
-  EXPECT_EQ(VarToStr(T.First()->Key), "C");
-
-  // Removing the visited item: every item is still visited once, and the
-  // table is consistent (and empty) afterwards.
-  TWalker R(&T);
-  R.Remove = true;
-  T.WalkItems(TWalkItemProc::Bind<&TWalker::Visit>(&R));
-  EXPECT_EQ(R.Seen, (std::vector<std::string>{"C", "B", "A"}));
+  EXPECT_EQ(W.Walk(T), (TKeys{"C", "B", "A"}));
+  EXPECT_EQ(W.Walk(T, [&](const std::string& K) { T.RemoveItem(K); }), (TKeys{"C", "B", "A"}));
   EXPECT_EQ(T.Count(), 0);
   EXPECT_EQ(T.First(), nullptr);
   CheckInvariants(T);
-  T.AddItem("D", "d");
-  CheckInvariants(T);
-}
 
-// Removing an item not yet visited skips it; adding during a walk puts the
-// item at the real head; clearing ends the walk.
-class TMutator : public TObject {
- public:
-  explicit TMutator(TCustomHashTable* T) : Table(T) {}
-  void Visit(THashItem* Item) {
-    const std::string K = VarToStr(Item->Key);
-    Seen.push_back(K);
-    if (K == "D" && Table->KeyExists("C")) Table->RemoveItem("C");  // the cursor
-    if (K == "B" && !Table->KeyExists("E")) Table->AddItem("E", "e");
-    if (K == "A" && ClearAtA) Table->Clear();
-  }
-  TCustomHashTable* Table;
-  std::vector<std::string> Seen;
-  bool ClearAtA = false;
-};
-
-TEST(StringKeyHashTable, WalkItemsSurvivesChangesByProc) {
-  TStringKeyHashTable T;
   for (const char* K : {"A", "B", "C", "D"}) T.AddItem(K, K);
-  TMutator M(&T);
-  T.WalkItems(TWalkItemProc::Bind<&TMutator::Visit>(&M));
-  EXPECT_EQ(M.Seen, (std::vector<std::string>{"D", "B", "A"}));
+  EXPECT_EQ(W.Walk(T,
+                   [&](const std::string& K) {
+                     if (K == "D") T.RemoveItem("C");  // the cursor
+                     if (K == "B") T.AddItem("E", "e");
+                   }),
+            (TKeys{"D", "B", "A"}));
   CheckInvariants(T);
   EXPECT_EQ(VarToStr(T.First()->Key), "E");
   EXPECT_EQ(T.Count(), 4);
 
-  TMutator C(&T);
-  C.ClearAtA = true;
-  T.WalkItems(TWalkItemProc::Bind<&TMutator::Visit>(&C));
-  EXPECT_EQ(C.Seen, (std::vector<std::string>{"E", "D", "B", "A"}));
+  EXPECT_EQ(W.Walk(T,
+                   [&](const std::string& K) {
+                     if (K == "A") T.Clear();
+                   }),
+            (TKeys{"E", "D", "B", "A"}));
   EXPECT_EQ(T.Count(), 0);
   EXPECT_EQ(T.First(), nullptr);
   CheckInvariants(T);
@@ -236,19 +189,19 @@ TEST(StringKeyHashTable, WalkItemsSurvivesChangesByProc) {
 TEST(StringKeyHashTable, WalkItemsRaisingReleasesLock) {
   TStringKeyHashTable T;
   for (const char* K : {"A", "B", "C"}) T.AddItem(K, K);
-  TWalker W(&T);
-  W.RaiseAt = "B";
-  EXPECT_THROW(T.WalkItems(TWalkItemProc::Bind<&TWalker::Visit>(&W)), Exception);
+  TWalker W;
+  EXPECT_THROW(W.Walk(T,
+                      [](const std::string& K) {
+                        if (K == "B") throw Exception("stop");
+                      }),
+               Exception);
   // The cursor stays at the item after the one visited; the items before it
   // are still found, and freed with the table.
   EXPECT_EQ(VarToStr(T.First()->Key), "A");
   EXPECT_TRUE(T.KeyExists("C"));
   EXPECT_EQ(T.Count(), 3);
   std::atomic<bool> Done{false};
-  std::thread Other([&] {
-    T.KeyExists("A");
-    Done = true;
-  });
+  std::thread Other([&] { Done = T.KeyExists("A"); });
   Other.join();
   EXPECT_TRUE(Done);
 }
@@ -256,18 +209,19 @@ TEST(StringKeyHashTable, WalkItemsRaisingReleasesLock) {
 TEST(HashTableConcurrency, FourThreadsKeepInvariants) {
   TFnvTable T;
   constexpr int KThreads = 4, KPerThread = 25000;
+  const auto Key = [](int N, int I) {
+    return "key-" + std::to_string(N) + "-" + std::to_string(I);
+  };
   std::atomic<int> Failures{0};
   std::vector<std::thread> Threads;
   for (int N = 0; N < KThreads; ++N) {
     Threads.emplace_back([&, N] {
-      for (int I = 0; I < KPerThread; ++I) T.AddItem("key-" + std::to_string(N) + "-" + std::to_string(I), "v");
-      for (int I = 0; I < KPerThread; ++I) {
-        if (!T.KeyExists("key-" + std::to_string(N) + "-" + std::to_string(I))) ++Failures;
-      }
+      for (int I = 0; I < KPerThread; ++I) T.AddItem(Key(N, I), "v");
+      for (int I = 0; I < KPerThread; ++I) Failures += !T.KeyExists(Key(N, I));
       // Remove every odd key; adding one that exists must fail.
-      for (int I = 1; I < KPerThread; I += 2) T.RemoveItem("key-" + std::to_string(N) + "-" + std::to_string(I));
+      for (int I = 1; I < KPerThread; I += 2) T.RemoveItem(Key(N, I));
       try {
-        T.AddItem("key-" + std::to_string(N) + "-0", "dup");
+        T.AddItem(Key(N, 0), "dup");
         ++Failures;
       } catch (const EHashError&) {
       }
@@ -278,7 +232,7 @@ TEST(HashTableConcurrency, FourThreadsKeepInvariants) {
   EXPECT_EQ(T.Count(), KThreads * KPerThread / 2);
   CheckInvariants(T);
   for (int N = 0; N < KThreads; ++N) {
-    EXPECT_TRUE(T.KeyExists("key-" + std::to_string(N) + "-0"));
-    EXPECT_FALSE(T.KeyExists("key-" + std::to_string(N) + "-1"));
+    EXPECT_TRUE(T.KeyExists(Key(N, 0)));
+    EXPECT_FALSE(T.KeyExists(Key(N, 1)));
   }
 }

@@ -6,15 +6,13 @@
 
 #include <cstdio>
 
+#include "../bench/holdings.h"
 #include "vel/StreamClasses.h"
 #include "vel/rtl/SysUtils.h"
 
 using namespace vel;
 
 namespace xmlt {
-
-enum TKind : uint8_t { kdNone, kdBond, kdEquity, kdCash };
-VEL_ENUM(TKind, "kdNone", "kdBond", "kdEquity", "kdCash")
 
 class TColumn : public TCollectionItem {
   VEL_CLASS(TColumn, TCollectionItem)
@@ -60,28 +58,6 @@ class TMixed : public TPersistent {
   TObjectList* Parts = new TObjectList(true);
 };
 
-// The item shape of the binary streamer's benchmark.
-class TBigItem : public TCollectionItem {
-  VEL_CLASS(TBigItem, TCollectionItem)
- public:
-  explicit TBigItem(TCollection* C = nullptr) : TCollectionItem(C) {}
-  int32_t Id = 0;
-  int32_t Units = 0;
-  std::string Code;
-  std::string Label;
-  double Price = 0;
-  bool Active = false;
-  TKind Kind = kdNone;
-  TDateTime Since;
-};
-
-class TBigRoot : public TPersistent {
-  VEL_CLASS(TBigRoot, TPersistent)
- public:
-  ~TBigRoot() override { delete Items; }
-  TCollection* Items = new TCollection(TBigItem::StaticClass());
-};
-
 // A descendant outside the library: it takes the general path through the
 // virtual formatting operations and must write the same bytes.
 class TPlainXML : public TXMLStreamer {
@@ -100,20 +76,20 @@ VEL_PUBLISHED(TFoo, prop("Odd&Name.1", &TFoo::Odd))
 VEL_PUBLISHED(TMixed, prop("Flag", &TMixed::Flag).defaults(false), prop("When", &TMixed::When),
               prop("Var", &TMixed::Var), prop("Foo", &TMixed::Foo), prop("Notes", &TMixed::Notes),
               prop("Parts", &TMixed::Parts))
-VEL_PUBLISHED(TBigItem, prop("Id", &TBigItem::Id).defaults(0),
-              prop("Units", &TBigItem::Units).defaults(0), prop("Code", &TBigItem::Code),
-              prop("Label", &TBigItem::Label), prop("Price", &TBigItem::Price),
-              prop("Active", &TBigItem::Active).defaults(false),
-              prop("Kind", &TBigItem::Kind).defaults(kdNone), prop("Since", &TBigItem::Since))
-VEL_PUBLISHED(TBigRoot, prop("Items", &TBigRoot::Items))
-
 namespace {
 
-template <class T = TXMLStreamer>
-std::string SaveXML(TObject* Obj, bool Bare = false) {
-  TMemoryStream S;
-  T(&S, Bare).SaveToStream(Obj);
+std::string Text(TMemoryStream& S) {
   return std::string(static_cast<const char*>(S.Memory()), static_cast<size_t>(S.GetSize()));
+}
+
+// What the streamer writes after Setup has changed its settings.
+template <class T = TXMLStreamer>
+std::string SaveXML(TObject* Obj, bool Bare = false, void (*Setup)(TXMLStreamer&) = nullptr) {
+  TMemoryStream S;
+  T X(&S, Bare);
+  if (Setup) Setup(X);
+  X.SaveToStream(Obj);
+  return Text(S);
 }
 
 struct FormFixture {
@@ -163,22 +139,15 @@ TEST(XMLStreamer, BareModeAndIndentSettings) {
   TMemoryStream Pre;
   Pre.WriteBuffer("<Outer>", 7);
   TXMLStreamer(&Pre, true).SaveToStream(&F.Form);
-  std::string Out(static_cast<const char*>(Pre.Memory()), static_cast<size_t>(Pre.GetSize()));
-  EXPECT_EQ(Out.substr(0, 19), "<Outer>\r<Caption>'A");
+  EXPECT_EQ(Text(Pre).substr(0, 19), "<Outer>\r<Caption>'A");
 
   // Tabs of one, and no class elements at all without WantClass.
-  TMemoryStream T;
-  TXMLStreamer Tabs(&T);
-  Tabs.SetIndentChar('\t');
-  Tabs.SetIndentSize(1);
-  Tabs.SaveToStream(&F.Form);
-  std::string TabOut(static_cast<const char*>(T.Memory()), static_cast<size_t>(T.GetSize()));
-  EXPECT_NE(TabOut.find("\r\t\t\t\t<Width>'40'</Width>\r\t\t\t</Column>"), std::string::npos);
-  TMemoryStream N;
-  TXMLStreamer NoClass(&N);
-  NoClass.SetWantClass(false);
-  NoClass.SaveToStream(&F.Form);
-  EXPECT_EQ(std::string(static_cast<const char*>(N.Memory()), static_cast<size_t>(N.GetSize())),
+  const std::string Tabs = SaveXML(&F.Form, false, [](TXMLStreamer& X) {
+    X.SetIndentChar('\t');
+    X.SetIndentSize(1);
+  });
+  EXPECT_NE(Tabs.find("\r\t\t\t\t<Width>'40'</Width>\r\t\t\t</Column>"), std::string::npos);
+  EXPECT_EQ(SaveXML(&F.Form, false, [](TXMLStreamer& X) { X.SetWantClass(false); }),
             "<Caption>'A&amp;B'</Caption>\r<Width>'40'</Width>");
 }
 
@@ -254,25 +223,19 @@ TEST(XMLStreamer, ElementNamesValuesAndLists) {
             "\r</Document>");
 }
 
-// The large graph of the binary streamer's benchmark, with a few texts
-// that need escaping, parsed by pugixml and walked element by element.
+// The large graph of the streaming benchmarks, with defaults left and a few
+// texts that need escaping, parsed by pugixml and walked element by element.
 TEST(XMLStreamer, LargeGraphIsWellFormedXML) {
-  constexpr int Count = 100000;
-  TBigRoot Root;
+  constexpr int Count = ItemCount;
+  TBenchRoot Root;
+  Fill(Root);
+  // Half the items keep Active at its default, a quarter Kind; a few labels
+  // need escaping.
   for (int I = 0; I < Count; ++I) {
-    auto* It = static_cast<TBigItem*>(Root.Items->Add());
-    It->Id = I + 1;
-    It->Units = 1000 + I % 50000;
-    char Buf[32];
-    std::snprintf(Buf, sizeof Buf, "ISIN%08d", I);
-    It->Code = Buf;
-    std::snprintf(Buf, sizeof Buf, "Holding%05d", I);
-    It->Label = Buf;
-    if (I % 1000 == 7) It->Label = "M&S <\"plc\"> 'Caf\xE9'";
-    It->Price = 1.25 + I * 0.01;
+    auto* It = static_cast<TBenchItem*>(Root.Items->Items(I));
     It->Active = I % 2 == 0;
     It->Kind = static_cast<TKind>(I % 4);
-    It->Since = TDateTime(37000.5 + I % 1000);
+    if (I % 1000 == 7) It->Label = "M&S <\"plc\"> 'Caf\xE9'";
   }
   std::string Xml = SaveXML(&Root);
   ASSERT_GT(Xml.size(), 10000000u);
@@ -292,10 +255,10 @@ TEST(XMLStreamer, LargeGraphIsWellFormedXML) {
   int I = 0;
   for (pugi::xml_node Item : List.children()) {
     ASSERT_LT(I, Count);
-    TBigItem* Want = static_cast<TBigItem*>(Root.Items->Items(I));
-    ASSERT_STREQ(Item.name(), "BigItem");
+    TBenchItem* Want = static_cast<TBenchItem*>(Root.Items->Items(I));
+    ASSERT_STREQ(Item.name(), "BenchItem");
     pugi::xml_node Obj = Item.first_child();
-    ASSERT_STREQ(Obj.name(), "BigItem");
+    ASSERT_STREQ(Obj.name(), "BenchItem");
     ASSERT_FALSE(Obj.next_sibling());
     auto Quoted = [](const std::string& S) { return "'" + S + "'"; };
     std::vector<std::string> Names;
