@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "thread_test_util.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SyncObjs.h"
 #include "vel/rtl/SysUtils.h"
@@ -14,6 +15,8 @@
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
+using veltest::ErrorOf;
+using veltest::PumpUntil;
 
 namespace thrtest {
 
@@ -54,18 +57,6 @@ class TWatcher : public TObject {
     Sender = S;
   }
 };
-
-// Serves the main thread until Done holds or a few seconds pass.
-template <class F>
-bool PumpUntil(F Done) {
-  auto End = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!Done()) {
-    if (std::chrono::steady_clock::now() > End) return false;
-    Application->ProcessMessages();
-    CheckSynchronize(5);
-  }
-  return true;
-}
 
 }  // namespace thrtest
 
@@ -132,45 +123,39 @@ TEST(Threads, SynchronizeRunsOnTheMainThreadWhileTheWorkerWaits) {
   EXPECT_TRUE(Direct);
 }
 
-TEST(Threads, SynchronizedExceptionIsRaisedInTheWorker) {
-  std::string Caught;
+// A synchronised method's exception is raised in the worker; WaitFor from
+// the thread itself is refused; caught there, neither is kept as fatal.
+TEST(Threads, SynchronizedExceptionsAndWaitForOnItselfRaiseInTheWorker) {
+  std::string Caught, Refused;
   auto* T = new TWorker([&](TWorker* Self) {
-    try {
-      Self->Synchronize([] { throw EConvertError("bad value"); });
-    } catch (const EConvertError& E) {
-      Caught = E.Message();
-    }
+    Caught = ErrorOf([&] { Self->Synchronize([] { throw EConvertError("bad value"); }); });
+    Refused = ErrorOf([&] { Self->WaitFor(); });
   });
   T->Resume();
   T->WaitFor();
-  EXPECT_EQ(Caught, "bad value");
+  EXPECT_EQ(Caught, "EConvertError: bad value");
+  EXPECT_EQ(Refused, "EThread: Thread Error: Resource deadlock avoided (35)");
   EXPECT_EQ(T->FatalException(), nullptr);
   delete T;
 }
 
+// OnTerminate runs on the main thread before WaitFor returns, also for a
+// thread terminated before it started (which skips Execute).
 TEST(Threads, OnTerminateRunsOnTheMainThreadBeforeWaitForReturns) {
-  TWatcher W;
-  auto* T = new TWorker(nullptr);
-  T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
-  T->Resume();
-  T->WaitFor();
-  EXPECT_EQ(W.Calls, 1);
-  EXPECT_EQ(W.Thread, MainThreadID());
-  EXPECT_EQ(W.Sender, T);
-  delete T;
-}
-
-TEST(Threads, TerminatedBeforeStartSkipsExecuteButNotOnTerminate) {
-  TWatcher W;
-  auto* T = new TWorker(nullptr);
-  T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
-  T->Terminate();
-  T->Resume();
-  T->WaitFor();
-  EXPECT_EQ(T->Runs, 0);
-  EXPECT_EQ(W.Calls, 1);
-  delete T;
-
+  for (bool TerminateFirst : {false, true}) {
+    SCOPED_TRACE(TerminateFirst ? "terminated before start" : "ran");
+    TWatcher W;
+    auto* T = new TWorker(nullptr);
+    T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
+    if (TerminateFirst) T->Terminate();
+    T->Resume();
+    T->WaitFor();
+    EXPECT_EQ(T->Runs, TerminateFirst ? 0 : 1);
+    EXPECT_EQ(W.Calls, 1);
+    EXPECT_EQ(W.Thread, MainThreadID());
+    EXPECT_EQ(W.Sender, T);
+    delete T;
+  }
   // Freed before it ever ran: neither Execute nor OnTerminate, no hang.
   TWatcher W2;
   auto* Never = new TWorker(nullptr);
@@ -197,26 +182,8 @@ TEST(Threads, ExceptionLeavingExecuteIsKept) {
   T->Resume();
   T->WaitFor();
   ASSERT_NE(T->FatalException(), nullptr);
-  try {
-    std::rethrow_exception(T->FatalException());
-  } catch (const EConvertError& E) {
-    EXPECT_EQ(E.Message(), "'x' is not a valid integer value");
-  }
-  delete T;
-}
-
-TEST(Threads, WaitForFromTheThreadItselfIsRefused) {
-  std::string Message;
-  auto* T = new TWorker([&](TWorker* Self) {
-    try {
-      Self->WaitFor();
-    } catch (const EThread& E) {
-      Message = E.Message();
-    }
-  });
-  T->Resume();
-  T->WaitFor();
-  EXPECT_EQ(Message, "Thread Error: Resource deadlock avoided (35)");
+  EXPECT_EQ(ErrorOf([&] { std::rethrow_exception(T->FatalException()); }),
+            "EConvertError: 'x' is not a valid integer value");
   delete T;
 }
 
@@ -312,10 +279,6 @@ TEST(SyncObjs, SemaphoreCountsUpToItsMaximum) {
   EXPECT_FALSE(S.ReleaseCount(1));
   EXPECT_FALSE(S.ReleaseCount(0));
   EXPECT_EQ(S.Count(), 2);
-  try {
-    TSemaphore Bad(2, 1);
-    FAIL();
-  } catch (const ESyncObjectError& E) {
-    EXPECT_EQ(E.Message(), "Invalid semaphore count (2 of 1)");
-  }
+  EXPECT_EQ(ErrorOf([] { TSemaphore Bad(2, 1); }),
+            "ESyncObjectError: Invalid semaphore count (2 of 1)");
 }
