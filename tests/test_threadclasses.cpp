@@ -712,7 +712,9 @@ TEST_F(ThreadManagerTest, RequestsAnsweredOutOfOrderCompleteWaitForRequests) {
   delete W;
 }
 
-TEST_F(ThreadManagerTest, PostsAreRetriedUntilTheWorkersQueueExists) {
+// Posts to a worker whose queue does not exist yet are retried until it
+// does; WaitForRequests off the main thread waits for the main loop.
+TEST_F(ThreadManagerTest, PostsAreRetriedUntilTheQueueExistsAndWaitsOffTheMainThread) {
   TThreadManager* M = Manager();
   auto* W = new TPlainLoopThread;
   const DWORD Tid = W->ThreadID();
@@ -725,26 +727,22 @@ TEST_F(ThreadManagerTest, PostsAreRetriedUntilTheWorkersQueueExists) {
     W->Resume();
   });
   IPtr<IStringsAdapter> Target(new TStringsAdapter);
+  auto* Lines = static_cast<TStringsAdapter*>(Target.get());
   M->SendDataRequest(static_cast<int32_t>(Tid), IIDOf<IStringsAdapter>, Target, "late");
   Starter.join();
   M->WaitForRequests();
-  EXPECT_EQ(static_cast<TStringsAdapter*>(Target.get())->Lines,
-            std::vector<std::string>{"late done"});
-  delete W;
-}
+  EXPECT_EQ(Lines->Lines, std::vector<std::string>{"late done"});
 
-TEST_F(ThreadManagerTest, WaitForRequestsOffTheMainThreadWaitsForTheMainLoop) {
-  TThreadManager* M = Manager();
-  auto* W = new TWorker(false);
   std::atomic<bool> Done{false};
   std::thread Other([&] {
-    IPtr<IStringsAdapter> Target(new TStringsAdapter);
-    M->SendDataRequest(static_cast<int32_t>(W->ThreadID()), IIDOf<IStringsAdapter>, Target, "x");
+    M->SendDataRequest(static_cast<int32_t>(Tid), IIDOf<IStringsAdapter>, Target, "off");
     M->WaitForRequests();
     Done = true;
   });
   ASSERT_TRUE(PumpUntil([&] { return Done.load(); }));
   Other.join();
+  std::lock_guard<std::mutex> L(Lines->Lock);
+  EXPECT_EQ(Lines->Lines, (std::vector<std::string>{"late done", "off done"}));
   delete W;
 }
 

@@ -16,22 +16,14 @@
 
 using namespace vel;
 using veltest::ErrorOf;
-using veltest::PumpUntil;
 
 namespace thrtest {
 
-std::atomic<int> Freed{0};
-
-// Runs a function as its Execute. Created running, it starts only once the
-// object is complete.
+// Runs a function as its Execute; created suspended.
 class TWorker final : public TThread {
   VEL_CLASS(TWorker, TThread)
  public:
-  explicit TWorker(std::function<void(TWorker*)> Body, bool CreateSuspended = true)
-      : TThread(true), FBody(std::move(Body)) {
-    if (!CreateSuspended) Resume();
-  }
-  ~TWorker() override { ++Freed; }
+  explicit TWorker(std::function<void(TWorker*)> Body) : TThread(true), FBody(std::move(Body)) {}
   using TThread::SetReturnValue;
   std::atomic<int> Runs{0};
 
@@ -63,36 +55,31 @@ class TWatcher : public TObject {
 using namespace thrtest;
 VEL_IMPLEMENT(TWorker)
 
+// A suspended thread has its identity but does not run; another worker
+// thread waiting for it gets its return value.
 TEST(Threads, SuspendedThreadHasItsIdentityButDoesNotRun) {
-  auto* T = new TWorker([](TWorker* Self) { Self->SetReturnValue(17); });
+  auto* T = new TWorker([](TWorker* Self) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    Self->SetReturnValue(17);
+  });
   EXPECT_TRUE(T->Suspended());
   EXPECT_NE(T->ThreadID(), 0u);
   EXPECT_NE(T->ThreadID(), MainThreadID());
   EXPECT_NE(T->Handle(), 0u);
+  uint32_t Got = 0;
+  std::thread Waiter([&] { Got = T->WaitFor(); });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(T->Runs, 0);
   EXPECT_FALSE(T->Finished());
   T->Resume();
+  Waiter.join();
+  EXPECT_EQ(Got, 17u);
   EXPECT_EQ(T->WaitFor(), 17u);
   EXPECT_TRUE(T->Finished());
   EXPECT_FALSE(T->Suspended());
   EXPECT_EQ(T->Runs, 1);
   T->Resume();  // nothing more happens
   delete T;
-}
-
-TEST(Threads, RunningCreationAndTerminateFlag) {
-  std::atomic<bool> Saw{false};
-  TWorker T(
-      [&](TWorker* Self) {
-        while (!Self->Terminated()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        Saw = true;
-      },
-      false);
-  std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  T.Terminate();
-  T.WaitFor();
-  EXPECT_TRUE(Saw);
 }
 
 TEST(Threads, SynchronizeRunsOnTheMainThreadWhileTheWorkerWaits) {
@@ -164,19 +151,6 @@ TEST(Threads, OnTerminateRunsOnTheMainThreadBeforeWaitForReturns) {
   EXPECT_EQ(W2.Calls, 0);
 }
 
-TEST(Threads, FreeOnTerminateFreesTheObjectAfterOnTerminate) {
-  Freed = 0;
-  TWatcher W;
-  auto* T = new TWorker(nullptr);
-  T->SetFreeOnTerminate(true);
-  T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
-  T->Resume();
-  T = nullptr;
-  EXPECT_TRUE(PumpUntil([] { return Freed == 1; }));
-  EXPECT_EQ(W.Calls, 1);
-  EXPECT_EQ(W.Thread, MainThreadID());
-}
-
 TEST(Threads, ExceptionLeavingExecuteIsKept) {
   auto* T = new TWorker([](TWorker*) { throw EConvertError("'x' is not a valid integer value"); });
   T->Resume();
@@ -184,19 +158,6 @@ TEST(Threads, ExceptionLeavingExecuteIsKept) {
   ASSERT_NE(T->FatalException(), nullptr);
   EXPECT_EQ(ErrorOf([&] { std::rethrow_exception(T->FatalException()); }),
             "EConvertError: 'x' is not a valid integer value");
-  delete T;
-}
-
-TEST(Threads, WaitForFromAnotherWorkerThread) {
-  auto* T = new TWorker([](TWorker* Self) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    Self->SetReturnValue(3);
-  });
-  uint32_t Got = 0;
-  std::thread Waiter([&] { Got = T->WaitFor(); });
-  T->Resume();
-  Waiter.join();
-  EXPECT_EQ(Got, 3u);
   delete T;
 }
 
