@@ -81,6 +81,17 @@ class TRecorder : public TObject {
     AllOnMain &= GetCurrentThreadId() == MainThreadID();
     ++Terminated;
   }
+  // Tasks for task threads.
+  std::atomic<int> Ran{0};
+  DWORD RanOn = 0;
+  void Run(TTaskThread*) {
+    RanOn = GetCurrentThreadId();
+    ++Ran;
+  }
+  void Fail(TTaskThread*) {
+    ++Ran;
+    throw EConvertError("task failed");
+  }
 };
 
 // Logs its hooks into a list that outlives it (or its own), or fails every
@@ -242,20 +253,6 @@ class TCountedTask : public TTaskThread {
 
  private:
   std::atomic<int>* FDestroyed;
-};
-
-class TTasks : public TObject {
- public:
-  std::atomic<int> Ran{0};
-  DWORD RanOn = 0;
-  void Run(TTaskThread*) {
-    RanOn = GetCurrentThreadId();
-    ++Ran;
-  }
-  void Fail(TTaskThread*) {
-    ++Ran;
-    throw EConvertError("task failed");
-  }
 };
 
 // Records thread notifications as "<operation>:<thread id>". With Sync it
@@ -505,16 +502,15 @@ TEST(MsgQueThread, TakesPostsAsSoonAsItsConstructorReturns) {
 TEST(TaskThread, RunsOnceTerminatesAndFreesItselfEvenWhenTheTaskFails) {
   TDialogLog Dialogs;
   TRecorder Rec;
-  TTasks Tasks;
   std::atomic<int> Destroyed{0};
   // A task, no task (terminates at once, the handler still fires), and a
   // raising task (reported, then the same end).
   const struct {
     TTaskThreadMethod Task;
     int RanAfter;
-  } Rows[] = {{TTaskThreadMethod::Bind<&TTasks::Run>(&Tasks), 1},
+  } Rows[] = {{TTaskThreadMethod::Bind<&TRecorder::Run>(&Rec), 1},
               {nullptr, 1},
-              {TTaskThreadMethod::Bind<&TTasks::Fail>(&Tasks), 2}};
+              {TTaskThreadMethod::Bind<&TRecorder::Fail>(&Rec), 2}};
   for (int I = 0; I < 3; ++I) {
     SCOPED_TRACE(I);
     auto* T = new TCountedTask(TNotifyEvent::Bind<&TRecorder::OnTerminate>(&Rec), Rows[I].Task,
@@ -523,9 +519,9 @@ TEST(TaskThread, RunsOnceTerminatesAndFreesItselfEvenWhenTheTaskFails) {
     T->Resume();
     ASSERT_TRUE(PumpUntil([&] { return Destroyed == I + 1; }));
     EXPECT_EQ(Rec.Terminated, I + 1);
-    EXPECT_EQ(Tasks.Ran, Rows[I].RanAfter);
+    EXPECT_EQ(Rec.Ran, Rows[I].RanAfter);
     if (I == 0) {
-      EXPECT_EQ(Tasks.RanOn, Tid);
+      EXPECT_EQ(Rec.RanOn, Tid);
     }
   }
   ASSERT_EQ(Dialogs.Count(), 1u);
