@@ -10,18 +10,22 @@
 #include <thread>
 #include <vector>
 
+#include "thread_test_util.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/Threads.h"
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
+using veltest::ErrorOf;
+using veltest::TDialogLog;
 
 namespace msgtest {
 
 constexpr UINT WM_DOUBLE = WM_USER + 1;
 constexpr UINT WM_FAIL = WM_USER + 2;
 constexpr UINT WM_ASKBACK = WM_USER + 3;
+constexpr UINT WM_SYNC = WM_USER + 4;
 
 // Records what reaches it; WM_DOUBLE answers twice its WParam.
 class TReceiver : public TObject {
@@ -36,6 +40,7 @@ class TReceiver : public TObject {
   std::vector<TSeen> Seen;
   int Unhandled = 0;
   HWND AskBackTo = 0;
+  DWORD SyncedOn = 0;
 
   void WMDouble(TMessage& M) {
     Seen.push_back({M.Msg, M.WParam, M.LParam, GetCurrentThreadId()});
@@ -43,6 +48,11 @@ class TReceiver : public TObject {
   }
   void WMFail(TMessage&) { throw EConvertError("boom"); }
   void WMAskBack(TMessage& M) { M.Result = SendMessage(AskBackTo, WM_DOUBLE, M.WParam, 0) + 1; }
+  // Needs the main thread, which may be inside SendMessage.
+  void WMSync(TMessage& M) {
+    SynchronizeWithMainThread([&] { SyncedOn = GetCurrentThreadId(); });
+    M.Result = 5;
+  }
   void DefaultHandler(void*) override { ++Unhandled; }
   void WndProc(TMessage& M) { Dispatch(&M); }
 };
@@ -63,67 +73,57 @@ void DrainMain() {
 
 using namespace msgtest;
 VEL_IMPLEMENT(TReceiver, message<&TReceiver::WMDouble>(WM_DOUBLE),
-              message<&TReceiver::WMFail>(WM_FAIL), message<&TReceiver::WMAskBack>(WM_ASKBACK))
+              message<&TReceiver::WMFail>(WM_FAIL), message<&TReceiver::WMAskBack>(WM_ASKBACK),
+              message<&TReceiver::WMSync>(WM_SYNC))
 
-TEST(Messages, ThreadQueueExistsFromTheFirstRequestUntilTheThreadEnds) {
-  std::atomic<DWORD> Tid{0};
-  TSimpleEvent Started, Go, Asked;
-  std::vector<TMsg> Got;
-  std::thread Worker([&] {
-    Tid = GetCurrentThreadId();
-    Started.SetEvent();
-    Go.WaitFor();
-    TMsg M;
-    EXPECT_FALSE(PeekMessage(&M, 0, 0, 0, PM_NOREMOVE));  // creates the queue
-    Asked.SetEvent();
-    while (GetMessage(&M, 0, 0, 0) > 0) Got.push_back(M);
-  });
-  Started.WaitFor();
-  EXPECT_FALSE(PostThreadMessage(Tid, WM_USER, 1, 2));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
-  Go.SetEvent();
-  Asked.WaitFor();
-  EXPECT_TRUE(PostThreadMessage(Tid, WM_USER, 1, 2));
-  EXPECT_TRUE(PostThreadMessage(Tid, WM_QUIT, 0, 0));
-  Worker.join();
-  ASSERT_EQ(Got.size(), 1u);
-  EXPECT_EQ(Got[0].hwnd, 0u);
-  EXPECT_EQ(Got[0].message, WM_USER);
-  EXPECT_EQ(Got[0].wParam, 1u);
-  EXPECT_EQ(Got[0].lParam, 2);
-  EXPECT_FALSE(PostThreadMessage(Tid, WM_USER, 0, 0));  // gone with its thread
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
-}
-
-// The queue a creator makes for a thread (as TMsgQueThread does for its
-// worker) takes posts before the thread asks for messages; the thread then
-// finds them there, in order, and the queue still ends with the thread.
-TEST(Messages, AQueueMadeForAThreadTakesPostsBeforeItsFirstRequest) {
+// A thread's queue exists from its first request for messages, or from the
+// queue its creator makes for it (as TMsgQueThread does for its worker),
+// until the thread ends; posts made before the thread asks are found there
+// in order.
+TEST(Messages, ThreadQueueExistsFromItsFirstRequestOrItsCreatorUntilTheThreadEnds) {
   SetLastError(0);
   EXPECT_FALSE(detail::CreateThreadQueue(0));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
-
-  std::atomic<DWORD> Tid{0};
-  TSimpleEvent Started, Go;
-  std::vector<WPARAM> Got;
-  std::thread Worker([&] {
-    Tid = GetCurrentThreadId();
-    Started.SetEvent();
-    Go.WaitFor();
-    TMsg M;
-    while (GetMessage(&M, 0, 0, 0) > 0) Got.push_back(M.wParam);
-  });
-  Started.WaitFor();
-  ASSERT_TRUE(detail::CreateThreadQueue(Tid));
-  for (WPARAM I = 1; I <= 3; ++I) ASSERT_TRUE(PostThreadMessage(Tid, WM_USER, I, 0));
-  ASSERT_TRUE(detail::CreateThreadQueue(Tid));  // a second call keeps what is queued
-  ASSERT_TRUE(PostThreadMessage(Tid, WM_USER, 4, 0));
-  ASSERT_TRUE(PostThreadMessage(Tid, WM_QUIT, 0, 0));
-  Go.SetEvent();
-  Worker.join();
-  EXPECT_EQ(Got, (std::vector<WPARAM>{1, 2, 3, 4}));
-  EXPECT_FALSE(PostThreadMessage(Tid, WM_USER, 0, 0));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+  for (bool ByCreator : {false, true}) {
+    SCOPED_TRACE(ByCreator ? "made by its creator" : "made by the thread");
+    std::atomic<DWORD> Tid{0};
+    TSimpleEvent Started, Go, Asked;
+    std::vector<TMsg> Got;
+    std::thread Worker([&] {
+      Tid = GetCurrentThreadId();
+      Started.SetEvent();
+      Go.WaitFor();
+      TMsg M;
+      // Peeking at a queue that does not exist yet creates it.
+      EXPECT_EQ(PeekMessage(&M, 0, 0, 0, PM_NOREMOVE) != 0, ByCreator);
+      Asked.SetEvent();
+      while (GetMessage(&M, 0, 0, 0) > 0) Got.push_back(M);
+    });
+    auto Post = [&](WPARAM From, WPARAM To) {
+      for (WPARAM I = From; I <= To; ++I) EXPECT_TRUE(PostThreadMessage(Tid, WM_USER, I, 2));
+    };
+    Started.WaitFor();
+    EXPECT_FALSE(PostThreadMessage(Tid, WM_USER, 1, 2));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+    if (ByCreator) {
+      EXPECT_TRUE(detail::CreateThreadQueue(Tid));
+      Post(1, 3);
+      EXPECT_TRUE(detail::CreateThreadQueue(Tid));  // a second call keeps what is queued
+      Post(4, 4);
+    }
+    Go.SetEvent();
+    Asked.WaitFor();
+    if (!ByCreator) Post(1, 4);
+    EXPECT_TRUE(PostThreadMessage(Tid, WM_QUIT, 0, 0));
+    Worker.join();
+    ASSERT_EQ(Got.size(), 4u);
+    for (size_t I = 0; I < Got.size(); ++I) EXPECT_EQ(Got[I].wParam, I + 1);
+    EXPECT_EQ(Got[0].hwnd, 0u);
+    EXPECT_EQ(Got[0].message, WM_USER);
+    EXPECT_EQ(Got[0].lParam, 2);
+    EXPECT_FALSE(PostThreadMessage(Tid, WM_USER, 0, 0));  // gone with its thread
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_THREAD_ID);
+  }
 }
 
 TEST(Messages, PostedMessagesKeepTheirOrderPerQueue) {
@@ -161,7 +161,7 @@ TEST(Messages, PostedMessagesKeepTheirOrderPerQueue) {
   }
 }
 
-TEST(Messages, QuitEndsGetMessage) {
+TEST(Messages, QuitEndsGetMessageAndPeekMessageFilters) {
   std::thread Worker([] {
     TMsg M;
     // A posted WM_QUIT is seen in turn, after what was queued before it.
@@ -180,18 +180,13 @@ TEST(Messages, QuitEndsGetMessage) {
     EXPECT_EQ(M.message, WM_QUIT);
     EXPECT_EQ(M.wParam, 7u);
     EXPECT_FALSE(PeekMessage(&M, 0, 0, 0, PM_REMOVE));
-  });
-  Worker.join();
-}
 
-TEST(Messages, PeekMessageAndFilters) {
-  std::thread Worker([] {
+    // PeekMessage and its filters on the same, now empty, queue.
     TReceiver R;
     HWND W = AllocateHWnd(&R);
     PostMessage(W, WM_USER + 10, 1, 0);
     PostMessage(0, WM_USER + 20, 2, 0);
     PostMessage(0, WM_USER + 30, 3, 0);
-    TMsg M;
     ASSERT_TRUE(PeekMessage(&M, 0, 0, 0, PM_NOREMOVE));
     EXPECT_EQ(M.hwnd, W);
     ASSERT_TRUE(PeekMessage(&M, 0, 0, 0, PM_NOREMOVE));  // still there
@@ -260,27 +255,6 @@ TEST(Messages, HiddenWindowsDispatchToMessageHandlers) {
   Worker.join();
 }
 
-TEST(Messages, WindowsOfOtherThreadsAreNotDispatchedHere) {
-  TSimpleEvent Ready, Done;
-  HWND W = 0;
-  TReceiver R;
-  std::thread Owner([&] {
-    W = AllocateHWnd(&R);
-    Ready.SetEvent();
-    Done.WaitFor();
-    DeallocateHWnd(W);
-  });
-  Ready.WaitFor();
-  TMsg M;
-  M.hwnd = W;
-  M.message = WM_DOUBLE;
-  M.wParam = 1;
-  EXPECT_EQ(DispatchMessage(&M), 0);
-  EXPECT_TRUE(R.Seen.empty());
-  Done.SetEvent();
-  Owner.join();
-}
-
 TEST(Messages, SendMessageAcrossThreadsWaitsForTheOwner) {
   DrainMain();
   TReceiver MainR, WorkerR;
@@ -301,47 +275,23 @@ TEST(Messages, SendMessageAcrossThreadsWaitsForTheOwner) {
   EXPECT_EQ(SendMessage(WorkerWnd, WM_DOUBLE, 5, 0), 10);
   ASSERT_EQ(WorkerR.Seen.size(), 1u);
   EXPECT_EQ(WorkerR.Seen[0].Thread, WorkerTid.load());
-  try {
-    SendMessage(WorkerWnd, WM_FAIL, 0, 0);
-    ADD_FAILURE() << "no exception";
-  } catch (const EConvertError& E) {
-    EXPECT_EQ(E.Message(), "boom");
-  }
+  EXPECT_EQ(ErrorOf([&] { SendMessage(WorkerWnd, WM_FAIL, 0, 0); }), "EConvertError: boom");
   // The worker's handler sends back to the main thread's window while the
   // main thread waits for it: served inside the wait, no deadlock.
   EXPECT_EQ(SendMessage(WorkerWnd, WM_ASKBACK, 7, 0), 15);
   ASSERT_EQ(MainR.Seen.size(), 1u);
   EXPECT_EQ(MainR.Seen[0].Thread, MainThreadID());
+  // So is a Synchronize request the worker's handler makes meanwhile.
+  EXPECT_EQ(SendMessage(WorkerWnd, WM_SYNC, 0, 0), 5);
+  EXPECT_EQ(WorkerR.SyncedOn, MainThreadID());
   PostThreadMessage(WorkerTid, WM_QUIT, 0, 0);
   Worker.join();
   DeallocateHWnd(MainWnd);
 }
 
-TEST(Messages, MainThreadServesSynchronizeWhileItSends) {
-  // The worker's handler needs the main thread, which is inside SendMessage.
-  struct TSyncingReceiver : TObject {
-    DWORD RanOn = 0;
-    void WndProc(TMessage& M) {
-      SynchronizeWithMainThread([&] { RanOn = GetCurrentThreadId(); });
-      M.Result = 5;
-    }
-  } R;
-  std::atomic<HWND> W{0};
-  std::atomic<DWORD> Tid{0};
-  std::thread Worker([&] {
-    W = AllocateHWnd(TWndMethod::Bind<&TSyncingReceiver::WndProc>(&R));
-    Tid = GetCurrentThreadId();
-    TMsg M;
-    while (GetMessage(&M, 0, 0, 0) > 0) DispatchMessage(&M);
-  });
-  while (!Tid) std::this_thread::yield();
-  EXPECT_EQ(SendMessage(W, WM_USER, 0, 0), 5);
-  EXPECT_EQ(R.RanOn, MainThreadID());
-  PostThreadMessage(Tid, WM_QUIT, 0, 0);
-  Worker.join();
-}
-
-TEST(Messages, SendMessageReturnsZeroWhenTheOwnerGoesAway) {
+// A window of another thread is neither dispatched here nor served while
+// its owner does not pump; a send to it returns 0 once the owner is gone.
+TEST(Messages, OtherThreadsWindowsAreNotDispatchedHereAndSendsEndWithTheOwner) {
   TReceiver R;
   std::atomic<HWND> W{0};
   TSimpleEvent Ready, Quit;
@@ -351,6 +301,11 @@ TEST(Messages, SendMessageReturnsZeroWhenTheOwnerGoesAway) {
     Quit.WaitFor();  // never pumps
   });
   Ready.WaitFor();
+  TMsg M;
+  M.hwnd = W;
+  M.message = WM_DOUBLE;
+  M.wParam = 1;
+  EXPECT_EQ(DispatchMessage(&M), 0);
   auto Result = std::async(std::launch::async, [&] { return SendMessage(W, WM_DOUBLE, 3, 0); });
   EXPECT_EQ(Result.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
   Quit.SetEvent();
@@ -446,45 +401,27 @@ TEST(Messages, ApplicationRunsUntilTerminated) {
 
 TEST(Messages, ExceptionsGoToTheDialogSinkOrOnException) {
   DrainMain();
-  struct TBox {
-    std::string Text, Caption;
-    UINT Type;
-  };
-  std::vector<TBox> Boxes;
-  TDialogSink Old =
-      SetDialogSink([&](const std::string& Text, const std::string& Caption, UINT Type) {
-        Boxes.push_back({Text, Caption, Type});
-        return IDOK;
-      });
+  TDialogLog Dialogs;
   Application->SetTitle("Adviser");
-  Application->ShowException(Exception("Disk full"));
-  Application->ShowException(Exception("Done."));
-  Application->ShowException(Exception("Bang!"));
-  Application->ShowException(Exception("Really?"));
-  ASSERT_EQ(Boxes.size(), 4u);
-  EXPECT_EQ(Boxes[0].Text, "Disk full.");
-  EXPECT_EQ(Boxes[0].Caption, "Adviser");
-  EXPECT_EQ(Boxes[0].Type, MB_OK | MB_ICONSTOP);
-  EXPECT_EQ(Boxes[0].Type, 16u);
-  EXPECT_EQ(Boxes[1].Text, "Done.");
-  EXPECT_EQ(Boxes[2].Text, "Bang!");
-  EXPECT_EQ(Boxes[3].Text, "Really?.");
-
-  Boxes.clear();
+  // A full stop is added unless the text ends in one, "!" or "?".
+  for (const char* Text : {"Disk full", "Done.", "Bang!", "Really?"})
+    Application->ShowException(Exception(Text));
+  EXPECT_EQ(Dialogs.Lines, (std::vector<std::string>{"Adviser|Disk full.|16", "Adviser|Done.|16",
+                                                     "Adviser|Bang!|16", "Adviser|Really?.|16"}));
+  Dialogs.Lines.clear();
   try {
     throw EAbort("silent");
   } catch (...) {
     Application->HandleException(nullptr);
   }
-  EXPECT_TRUE(Boxes.empty());
+  EXPECT_TRUE(Dialogs.Lines.empty());
 
   // A window procedure failing inside the message loop is reported.
   TReceiver R;
   HWND W = AllocateHWnd(&R);
   PostMessage(W, WM_FAIL, 0, 0);
   Application->ProcessMessages();
-  ASSERT_EQ(Boxes.size(), 1u);
-  EXPECT_EQ(Boxes[0].Text, "boom.");
+  EXPECT_EQ(Dialogs.Lines, std::vector<std::string>{"Adviser|boom.|16"});
 
   struct THandler : TObject {
     std::string Got;
@@ -500,11 +437,10 @@ TEST(Messages, ExceptionsGoToTheDialogSinkOrOnException) {
   Application->OnException = nullptr;
   EXPECT_EQ(H.Got, "boom");
   EXPECT_EQ(H.Sender, Application);
-  EXPECT_EQ(Boxes.size(), 1u);
+  EXPECT_EQ(Dialogs.Count(), 1u);
 
   EXPECT_EQ(MessageBoxA(0, "Question", "Title", MB_YESNO), IDOK);
-  EXPECT_EQ(Boxes.back().Type, MB_YESNO);
-  SetDialogSink(Old);
+  EXPECT_EQ(Dialogs.Line(1), "Title|Question|" + std::to_string(MB_YESNO));
   DeallocateHWnd(W);
 }
 
@@ -513,14 +449,12 @@ TEST(Messages, CheckSynchronizeBelongsToTheMainThread) {
   DWORD Tid = 0;
   std::thread Worker([&] {
     Tid = GetCurrentThreadId();
-    try {
-      CheckSynchronize(0);
-    } catch (const EThread& E) {
-      Message = E.Message();
-    }
+    Message = ErrorOf([] { CheckSynchronize(0); });
   });
   Worker.join();
-  EXPECT_EQ(Message, Format("CheckSynchronize called from thread $%x, which is NOT the main thread",
-                            {static_cast<int64_t>(Tid)}));
+  EXPECT_EQ(Message,
+            "EThread: " + Format("CheckSynchronize called from thread $%x, which is NOT the main "
+                                 "thread",
+                                 {static_cast<int64_t>(Tid)}));
   EXPECT_FALSE(CheckSynchronize(0));
 }

@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "thread_test_util.h"
 #include "vel/rtl/TypInfo.h"
 #include "vel/velIntfClasses.h"
 
 using namespace vel;
+using veltest::ErrorOf;
 
 namespace notifytest {
 
@@ -80,15 +82,6 @@ class TResolver : public TInterfacedObject, public IResolveNotify {
   }
 };
 
-std::string ListMessage(const std::function<void()>& F) {
-  try {
-    F();
-  } catch (const Exception& E) {
-    return std::string(E.ClassName()) + ": " + E.Message();
-  }
-  return "no error";
-}
-
 }  // namespace notifytest
 
 using namespace notifytest;
@@ -99,8 +92,13 @@ TEST(Notify, NotifierSubscribesOnCreationAndLeavesWhenFreed) {
   TLog Log;
   auto* Source = new TSubscribeNotify;
   IPtr<INotify> Src(Source);
+  // Without subscribers there is no list to broadcast to or remove from.
+  Src->Notify(nullptr, 0);
+  Source->RemoveNotifier(nullptr);
+  EXPECT_FALSE(Source->ListAllocated());
   TNotifier* A = MakeNotifier(Log, Source, "A");
   TNotifier* B = MakeNotifier(Log, Source, "B");
+  EXPECT_TRUE(Source->ListAllocated());
   EXPECT_EQ(Source->NotifierCount(), 2);
   EXPECT_EQ(A->GetSubscribe().get(), static_cast<ISubscribe*>(Source));
   EXPECT_EQ(Source->RefCount(), 1);  // notifiers hold their source uncounted
@@ -143,19 +141,7 @@ TEST(Notify, BroadcastFollowsSubscriptionOrderAndEnabled) {
   delete D;
 }
 
-TEST(Notify, SourceWithoutSubscribersCreatesNoList) {
-  auto* Source = new TSubscribeNotify;
-  IPtr<INotify> Src(Source);
-  Src->Notify(nullptr, 0);
-  EXPECT_FALSE(Source->ListAllocated());
-  Source->RemoveNotifier(nullptr);
-  EXPECT_FALSE(Source->ListAllocated());
-  TLog Log;
-  delete MakeNotifier(Log, Source, "X");
-  EXPECT_TRUE(Source->ListAllocated());
-}
-
-TEST(Notify, DuplicateAddsAndUnknownRemovesChangeNothing) {
+TEST(Notify, DuplicateAddsAndUnknownRemovesChangeNothingAndAFreedSourceDetaches) {
   IPtr<ISubscribe> Src(new TSubscribeNotify);
   // (Attached while its constructor runs, before the override exists.)
   auto* N = new TCountingNotifier(Src.get());
@@ -176,7 +162,16 @@ TEST(Notify, DuplicateAddsAndUnknownRemovesChangeNothing) {
   Src->AddNotifier(N->AsCustomNotifier());
   EXPECT_EQ(N->SetCalls, 2);
   EXPECT_EQ(N->GetSubscribe().get(), Src.get());
+
+  // The source freed first (its last reference gone) detaches its
+  // notifiers, last-added first; freeing them then touches no freed source.
+  auto* Second = new TCountingNotifier(Src.get());
+  Src = nullptr;
+  EXPECT_EQ(N->GetSubscribe().get(), nullptr);
+  EXPECT_EQ(Second->GetSubscribe().get(), nullptr);
+  EXPECT_EQ(N->SetCalls, 3);
   delete N;
+  delete Second;
   delete Outsider;
 }
 
@@ -208,20 +203,6 @@ TEST(Notify, OneObjectIsOneSubscriberWhicheverInterfaceAddsIt) {
   delete A;
 }
 
-TEST(Notify, SourceFreedFirstDetachesItsNotifiers) {
-  TLog Log;
-  auto* Source = new TSubscribeNotify;
-  IPtr<INotify> Src(Source);
-  auto* A = new TCountingNotifier(Source);
-  auto* B = new TCountingNotifier(Source);
-  Src = nullptr;  // last reference: the source goes, last-added first
-  EXPECT_EQ(A->GetSubscribe().get(), nullptr);
-  EXPECT_EQ(B->GetSubscribe().get(), nullptr);
-  EXPECT_EQ(A->SetCalls, 1);
-  delete A;  // touches no freed source
-  delete B;
-}
-
 TEST(Notify, RemovalDuringABroadcastSkipsAnEntryAndFailsAtTheEnd) {
   TLog Log;
   auto* Source = new TSubscribeNotify;
@@ -232,8 +213,7 @@ TEST(Notify, RemovalDuringABroadcastSkipsAnEntryAndFailsAtTheEnd) {
   Log.During = [&](TObject* Sender) {
     if (Sender == A) Source->RemoveNotifier(A->AsCustomNotifier());
   };
-  EXPECT_EQ(ListMessage([&] { Src->Notify(nullptr, 9); }),
-            "EListError: List index out of bounds (2)");
+  EXPECT_EQ(ErrorOf([&] { Src->Notify(nullptr, 9); }), "EListError: List index out of bounds (2)");
   EXPECT_EQ(Log.Lines, std::vector<std::string>({"A:9", "C:9"}));  // B skipped
 
   // Adding during a broadcast does not reach the newcomer in that round.
@@ -254,20 +234,10 @@ TEST(Notify, RemovalDuringABroadcastSkipsAnEntryAndFailsAtTheEnd) {
   Log.During = [&](TObject* Sender) {
     if (Sender == B) throw EKnownError("stop");
   };
-  EXPECT_EQ(ListMessage([&] { Src->Notify(nullptr, 3); }), "EKnownError: stop");
+  EXPECT_EQ(ErrorOf([&] { Src->Notify(nullptr, 3); }), "EKnownError: stop");
   EXPECT_EQ(Log.Lines, std::vector<std::string>({"B:3"}));
   Log.During = nullptr;
   for (TNotifier* N : {A, B, C, Late}) delete N;
-}
-
-TEST(Notify, PlainBroadcastNeedsINotifierSubscribers) {
-  TLog Log;
-  auto* Source = new TSubscribeNotify;
-  IPtr<INotify> Src(Source);
-  TPackageNotifier* P = MakePackageNotifier(Log, Source, "P");
-  EXPECT_EQ(ListMessage([&] { Src->Notify(nullptr, 0); }),
-            "EIntfCastError: Interface not supported");
-  delete P;
 }
 
 TEST(Notify, ResolvedBroadcastReachesSupportingSubscribersInOrder) {
@@ -306,13 +276,17 @@ TEST(Notify, ResolvedBroadcastReachesSupportingSubscribersInOrder) {
   for (TCustomNotifier* X : std::initializer_list<TCustomNotifier*>{P1, N, P2}) delete X;
 }
 
-TEST(Notify, PackageNotificationRejectsOtherOperations) {
+TEST(Notify, PackageNotifiersRejectPlainBroadcastsAndOtherOperations) {
   TLog Log;
-  TPackageNotifier* P = MakePackageNotifier(Log, nullptr, "P");
+  auto* Source = new TSubscribeNotify;
+  IPtr<INotify> Src(Source);
+  TPackageNotifier* P = MakePackageNotifier(Log, Source, "P");
+  // A plain broadcast needs INotifier subscribers.
+  EXPECT_EQ(ErrorOf([&] { Src->Notify(nullptr, 0); }), "EIntfCastError: Interface not supported");
   P->PackageNotification("Reports", 7, poPackageUnload);
   EXPECT_EQ(Log.Lines, std::vector<std::string>({"P:unload Reports 7"}));
   EXPECT_EQ(
-      ListMessage([&] { P->PackageNotification("Reports", 7, static_cast<TPackageOperation>(2)); }),
+      ErrorOf([&] { P->PackageNotification("Reports", 7, static_cast<TPackageOperation>(2)); }),
       "EPackageNotifierError: Package Notification, invalid operation (Reports)");
   // Unassigned events are simply not called.
   P->OnPackageLoad = nullptr;

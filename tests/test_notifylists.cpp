@@ -9,12 +9,14 @@
 #include <thread>
 #include <vector>
 
+#include "thread_test_util.h"
 #include "vel/ExtendedClasses.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/Threads.h"
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
+using veltest::ErrorOf;
 
 namespace nltest {
 
@@ -78,15 +80,6 @@ class THolder : public TObject {
   void Second(TObject*) { Calls += 100; }
 };
 
-std::string ErrorOf(const std::function<void()>& F) {
-  try {
-    F();
-  } catch (const Exception& E) {
-    return std::string(E.ClassName()) + ": " + E.Message();
-  }
-  return "no error";
-}
-
 }  // namespace nltest
 
 using namespace nltest;
@@ -96,15 +89,7 @@ VEL_IMPLEMENT(TOpenThreadNotifyList)
 
 TEST(NotifyLists, IntegerListSortsSignedAndKeepsValues) {
   TIntegerList L;
-  L.Add(3);
-  L.Add(-1);
-  L.Add(2);
-  L.Sort();
-  EXPECT_EQ(L[0], -1);
-  EXPECT_EQ(L[1], 2);
-  EXPECT_EQ(L[2], 3);
-  L.Add(INT32_MIN);
-  L.Add(INT32_MAX);
+  for (int32_t V : {3, -1, 2, INT32_MIN, INT32_MAX}) L.Add(V);
   L.Insert(0, 0);
   L.Sort();
   std::vector<int32_t> Got;
@@ -160,7 +145,7 @@ TEST(NotifyLists, NotifyEventListCallsOnlyTheFirstMethodOfASender) {
   EXPECT_EQ(L.Count(), 0);
 }
 
-TEST(NotifyLists, NotifyMsgListPostsToEveryWindowInOrder) {
+TEST(NotifyLists, NotifyMsgListPostsToEveryWindowInOrderUntilAnEntryWithoutHandle) {
   Application->ProcessMessages();
   std::vector<std::string> Log;
   TReceiver A(&Log, "A"), B(&Log, "B");
@@ -190,22 +175,16 @@ TEST(NotifyLists, NotifyMsgListPostsToEveryWindowInOrder) {
   L.Notify(WM_NOTE, 1, 2);
   Application->ProcessMessages();
   EXPECT_EQ(Log, std::vector<std::string>({"A:1/1/2", "B:1/1/2"}));
-  DeallocateHWnd(WA);
-  DeallocateHWnd(WB);
-}
 
-TEST(NotifyLists, EntryWithoutHandleEndsTheBroadcastWithTheFormatError) {
-  Application->ProcessMessages();
-  std::vector<std::string> Log;
-  TReceiver A(&Log, "A"), B(&Log, "B");
-  HWND WA = AllocateHWnd(&A), WB = AllocateHWnd(&B);
-  TNotifyMsgList L;
-  L.Add(&A, WA);
-  L.Add(&A);  // no handle
-  L.Add(&B, WB);
-  // The failure's own text passes the handle text to %d, which the
-  // formatter refuses: its error is what the caller sees.
-  EXPECT_EQ(ErrorOf([&] { L.Notify(WM_NOTE, 0, 0); }),
+  // An entry without a handle ends the broadcast: the failure's own text
+  // passes the handle text to %d, which the formatter refuses, and its
+  // error is what the caller sees.
+  TNotifyMsgList L2;
+  L2.Add(&A, WA);
+  L2.Add(&A);  // no handle
+  L2.Add(&B, WB);
+  Log.clear();
+  EXPECT_EQ(ErrorOf([&] { L2.Notify(WM_NOTE, 0, 0); }),
             "EConvertError: Format 'Postmessage() Failed in NotifyMsgList, HWND: %d, MSGID: "
             "%d\n\r%s' invalid or incompatible with argument");
   Application->ProcessMessages();

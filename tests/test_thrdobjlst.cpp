@@ -5,11 +5,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "thread_test_util.h"
 #include "vel/ThrdObjLst.h"
 
 using namespace vel;
@@ -87,18 +89,11 @@ bool OtherThreadCanEnter(TThreadObjectList& L) {
   return Ok;
 }
 
-// Fn must raise E with the given class name and message, and leave L's
-// lock free for other threads.
-template <class E, class F>
-void ExpectRaise(TThreadObjectList& L, F&& Fn, const char* ClassName, const std::string& Message) {
-  try {
-    Fn();
-    ADD_FAILURE() << "no exception, expected " << ClassName << ": " << Message;
-  } catch (const E& Ex) {
-    EXPECT_STREQ(Ex.ClassName(), ClassName);
-    EXPECT_EQ(Ex.Message(), Message);
-  }
-  EXPECT_TRUE(OtherThreadCanEnter(L)) << "lock still held after " << Message;
+// Fn must raise Error ("<class>: <message>") and leave L's lock free for
+// other threads.
+void ExpectRaise(TThreadObjectList& L, const std::string& Error, const std::function<void()>& Fn) {
+  EXPECT_EQ(veltest::ErrorOf(Fn), Error);
+  EXPECT_TRUE(OtherThreadCanEnter(L)) << "lock still held after " << Error;
 }
 
 }  // namespace tolt
@@ -258,35 +253,23 @@ TEST(ThreadObjectListErrors, BadIndexesRaiseWithTheIndexAndChangeNothing) {
     TGraveyard G(3);
     TThreadObjectList L(Owns);
 
-    ExpectRaise<EThreadObjectListError>(
-        L, [&] { L.Last(); }, "EThreadObjectListError", "List index out of bounds (-1)");
-    ExpectRaise<EThreadObjectListError>(
-        L, [&] { L.First(); }, "EThreadObjectListError", "List index out of bounds (0)");
-
+    const std::string ObjErr = "EThreadObjectListError: List index out of bounds (";
+    const std::string ListErr = "EListError: List index out of bounds (";
+    ExpectRaise(L, ObjErr + "-1)", [&] { L.Last(); });
+    ExpectRaise(L, ObjErr + "0)", [&] { L.First(); });
     L.Add(new TCounted(G, 0));
     L.Add(new TCounted(G, 1));
     auto* Spare = new TCounted(G, 2);
-    ExpectRaise<EThreadObjectListError>(
-        L, [&] { L.GetItems(2); }, "EThreadObjectListError", "List index out of bounds (2)");
-    ExpectRaise<EThreadObjectListError>(
-        L, [&] { L.Items(-7); }, "EThreadObjectListError", "List index out of bounds (-7)");
-    ExpectRaise<EThreadObjectListError>(
-        L, [&] { L.SetItems(2, Spare); }, "EThreadObjectListError", "List index out of bounds (2)");
-    ExpectRaise<EThreadObjectListError>(
-        L, [&] { L.SetItems(-1, Spare); }, "EThreadObjectListError",
-        "List index out of bounds (-1)");
-
+    ExpectRaise(L, ObjErr + "2)", [&] { L.GetItems(2); });
+    ExpectRaise(L, ObjErr + "-7)", [&] { L.Items(-7); });
+    ExpectRaise(L, ObjErr + "2)", [&] { L.SetItems(2, Spare); });
+    ExpectRaise(L, ObjErr + "-1)", [&] { L.SetItems(-1, Spare); });
     // Delete, Insert and Exchange report through the underlying list.
-    ExpectRaise<EListError>(
-        L, [&] { L.Delete(2); }, "EListError", "List index out of bounds (2)");
-    ExpectRaise<EListError>(
-        L, [&] { L.Delete(-1); }, "EListError", "List index out of bounds (-1)");
-    ExpectRaise<EListError>(
-        L, [&] { L.Insert(3, Spare); }, "EListError", "List index out of bounds (3)");
-    ExpectRaise<EListError>(
-        L, [&] { L.Exchange(0, 5); }, "EListError", "List index out of bounds (5)");
-    ExpectRaise<EListError>(
-        L, [&] { L.Exchange(-2, 0); }, "EListError", "List index out of bounds (-2)");
+    ExpectRaise(L, ListErr + "2)", [&] { L.Delete(2); });
+    ExpectRaise(L, ListErr + "-1)", [&] { L.Delete(-1); });
+    ExpectRaise(L, ListErr + "3)", [&] { L.Insert(3, Spare); });
+    ExpectRaise(L, ListErr + "5)", [&] { L.Exchange(0, 5); });
+    ExpectRaise(L, ListErr + "-2)", [&] { L.Exchange(-2, 0); });
 
     EXPECT_EQ(Ids(L), (std::vector<int>{0, 1}));
     EXPECT_EQ(G.Total(), 0);

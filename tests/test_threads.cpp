@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "thread_test_util.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SyncObjs.h"
 #include "vel/rtl/SysUtils.h"
@@ -14,21 +15,15 @@
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
+using veltest::ErrorOf;
 
 namespace thrtest {
 
-std::atomic<int> Freed{0};
-
-// Runs a function as its Execute. Created running, it starts only once the
-// object is complete.
+// Runs a function as its Execute; created suspended.
 class TWorker final : public TThread {
   VEL_CLASS(TWorker, TThread)
  public:
-  explicit TWorker(std::function<void(TWorker*)> Body, bool CreateSuspended = true)
-      : TThread(true), FBody(std::move(Body)) {
-    if (!CreateSuspended) Resume();
-  }
-  ~TWorker() override { ++Freed; }
+  explicit TWorker(std::function<void(TWorker*)> Body) : TThread(true), FBody(std::move(Body)) {}
   using TThread::SetReturnValue;
   std::atomic<int> Runs{0};
 
@@ -55,53 +50,36 @@ class TWatcher : public TObject {
   }
 };
 
-// Serves the main thread until Done holds or a few seconds pass.
-template <class F>
-bool PumpUntil(F Done) {
-  auto End = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!Done()) {
-    if (std::chrono::steady_clock::now() > End) return false;
-    Application->ProcessMessages();
-    CheckSynchronize(5);
-  }
-  return true;
-}
-
 }  // namespace thrtest
 
 using namespace thrtest;
 VEL_IMPLEMENT(TWorker)
 
+// A suspended thread has its identity but does not run; another worker
+// thread waiting for it gets its return value.
 TEST(Threads, SuspendedThreadHasItsIdentityButDoesNotRun) {
-  auto* T = new TWorker([](TWorker* Self) { Self->SetReturnValue(17); });
+  auto* T = new TWorker([](TWorker* Self) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    Self->SetReturnValue(17);
+  });
   EXPECT_TRUE(T->Suspended());
   EXPECT_NE(T->ThreadID(), 0u);
   EXPECT_NE(T->ThreadID(), MainThreadID());
   EXPECT_NE(T->Handle(), 0u);
+  uint32_t Got = 0;
+  std::thread Waiter([&] { Got = T->WaitFor(); });
   std::this_thread::sleep_for(std::chrono::milliseconds(20));
   EXPECT_EQ(T->Runs, 0);
   EXPECT_FALSE(T->Finished());
   T->Resume();
+  Waiter.join();
+  EXPECT_EQ(Got, 17u);
   EXPECT_EQ(T->WaitFor(), 17u);
   EXPECT_TRUE(T->Finished());
   EXPECT_FALSE(T->Suspended());
   EXPECT_EQ(T->Runs, 1);
   T->Resume();  // nothing more happens
   delete T;
-}
-
-TEST(Threads, RunningCreationAndTerminateFlag) {
-  std::atomic<bool> Saw{false};
-  TWorker T(
-      [&](TWorker* Self) {
-        while (!Self->Terminated()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        Saw = true;
-      },
-      false);
-  std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  T.Terminate();
-  T.WaitFor();
-  EXPECT_TRUE(Saw);
 }
 
 TEST(Threads, SynchronizeRunsOnTheMainThreadWhileTheWorkerWaits) {
@@ -132,45 +110,39 @@ TEST(Threads, SynchronizeRunsOnTheMainThreadWhileTheWorkerWaits) {
   EXPECT_TRUE(Direct);
 }
 
-TEST(Threads, SynchronizedExceptionIsRaisedInTheWorker) {
-  std::string Caught;
+// A synchronised method's exception is raised in the worker; WaitFor from
+// the thread itself is refused; caught there, neither is kept as fatal.
+TEST(Threads, SynchronizedExceptionsAndWaitForOnItselfRaiseInTheWorker) {
+  std::string Caught, Refused;
   auto* T = new TWorker([&](TWorker* Self) {
-    try {
-      Self->Synchronize([] { throw EConvertError("bad value"); });
-    } catch (const EConvertError& E) {
-      Caught = E.Message();
-    }
+    Caught = ErrorOf([&] { Self->Synchronize([] { throw EConvertError("bad value"); }); });
+    Refused = ErrorOf([&] { Self->WaitFor(); });
   });
   T->Resume();
   T->WaitFor();
-  EXPECT_EQ(Caught, "bad value");
+  EXPECT_EQ(Caught, "EConvertError: bad value");
+  EXPECT_EQ(Refused, "EThread: Thread Error: Resource deadlock avoided (35)");
   EXPECT_EQ(T->FatalException(), nullptr);
   delete T;
 }
 
+// OnTerminate runs on the main thread before WaitFor returns, also for a
+// thread terminated before it started (which skips Execute).
 TEST(Threads, OnTerminateRunsOnTheMainThreadBeforeWaitForReturns) {
-  TWatcher W;
-  auto* T = new TWorker(nullptr);
-  T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
-  T->Resume();
-  T->WaitFor();
-  EXPECT_EQ(W.Calls, 1);
-  EXPECT_EQ(W.Thread, MainThreadID());
-  EXPECT_EQ(W.Sender, T);
-  delete T;
-}
-
-TEST(Threads, TerminatedBeforeStartSkipsExecuteButNotOnTerminate) {
-  TWatcher W;
-  auto* T = new TWorker(nullptr);
-  T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
-  T->Terminate();
-  T->Resume();
-  T->WaitFor();
-  EXPECT_EQ(T->Runs, 0);
-  EXPECT_EQ(W.Calls, 1);
-  delete T;
-
+  for (bool TerminateFirst : {false, true}) {
+    SCOPED_TRACE(TerminateFirst ? "terminated before start" : "ran");
+    TWatcher W;
+    auto* T = new TWorker(nullptr);
+    T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
+    if (TerminateFirst) T->Terminate();
+    T->Resume();
+    T->WaitFor();
+    EXPECT_EQ(T->Runs, TerminateFirst ? 0 : 1);
+    EXPECT_EQ(W.Calls, 1);
+    EXPECT_EQ(W.Thread, MainThreadID());
+    EXPECT_EQ(W.Sender, T);
+    delete T;
+  }
   // Freed before it ever ran: neither Execute nor OnTerminate, no hang.
   TWatcher W2;
   auto* Never = new TWorker(nullptr);
@@ -179,57 +151,13 @@ TEST(Threads, TerminatedBeforeStartSkipsExecuteButNotOnTerminate) {
   EXPECT_EQ(W2.Calls, 0);
 }
 
-TEST(Threads, FreeOnTerminateFreesTheObjectAfterOnTerminate) {
-  Freed = 0;
-  TWatcher W;
-  auto* T = new TWorker(nullptr);
-  T->SetFreeOnTerminate(true);
-  T->OnTerminate = TNotifyEvent::Bind<&TWatcher::Terminated>(&W);
-  T->Resume();
-  T = nullptr;
-  EXPECT_TRUE(PumpUntil([] { return Freed == 1; }));
-  EXPECT_EQ(W.Calls, 1);
-  EXPECT_EQ(W.Thread, MainThreadID());
-}
-
 TEST(Threads, ExceptionLeavingExecuteIsKept) {
   auto* T = new TWorker([](TWorker*) { throw EConvertError("'x' is not a valid integer value"); });
   T->Resume();
   T->WaitFor();
   ASSERT_NE(T->FatalException(), nullptr);
-  try {
-    std::rethrow_exception(T->FatalException());
-  } catch (const EConvertError& E) {
-    EXPECT_EQ(E.Message(), "'x' is not a valid integer value");
-  }
-  delete T;
-}
-
-TEST(Threads, WaitForFromTheThreadItselfIsRefused) {
-  std::string Message;
-  auto* T = new TWorker([&](TWorker* Self) {
-    try {
-      Self->WaitFor();
-    } catch (const EThread& E) {
-      Message = E.Message();
-    }
-  });
-  T->Resume();
-  T->WaitFor();
-  EXPECT_EQ(Message, "Thread Error: Resource deadlock avoided (35)");
-  delete T;
-}
-
-TEST(Threads, WaitForFromAnotherWorkerThread) {
-  auto* T = new TWorker([](TWorker* Self) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    Self->SetReturnValue(3);
-  });
-  uint32_t Got = 0;
-  std::thread Waiter([&] { Got = T->WaitFor(); });
-  T->Resume();
-  Waiter.join();
-  EXPECT_EQ(Got, 3u);
+  EXPECT_EQ(ErrorOf([&] { std::rethrow_exception(T->FatalException()); }),
+            "EConvertError: 'x' is not a valid integer value");
   delete T;
 }
 
@@ -312,10 +240,6 @@ TEST(SyncObjs, SemaphoreCountsUpToItsMaximum) {
   EXPECT_FALSE(S.ReleaseCount(1));
   EXPECT_FALSE(S.ReleaseCount(0));
   EXPECT_EQ(S.Count(), 2);
-  try {
-    TSemaphore Bad(2, 1);
-    FAIL();
-  } catch (const ESyncObjectError& E) {
-    EXPECT_EQ(E.Message(), "Invalid semaphore count (2 of 1)");
-  }
+  EXPECT_EQ(ErrorOf([] { TSemaphore Bad(2, 1); }),
+            "ESyncObjectError: Invalid semaphore count (2 of 1)");
 }
