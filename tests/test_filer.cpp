@@ -6,110 +6,26 @@
 #include <cstring>
 
 #include <algorithm>
-#include <cmath>
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "StreamTestClasses.h"
 #include "vel/rtl/Filer.h"
 #include "vel/rtl/ObjectText.h"
 #include "vel/rtl/StringLists.h"
 #include "vel/rtl/SysUtils.h"
 
 using namespace vel;
+using namespace stream_test;
 
 namespace filer_test {
-
-enum TShape : uint8_t { shCircle, shSquare, shTriangle };
-VEL_ENUM(TShape, "shCircle", "shSquare", "shTriangle")
-enum TStyle : uint8_t { stBold, stItalic, stUnderline };
-VEL_ENUM(TStyle, "stBold", "stItalic", "stUnderline")
-using TStyles = TSet<TStyle>;
-
-class TFontLike : public TPersistent {
-  VEL_CLASS(TFontLike, TPersistent)
- public:
-  std::string Name;
-  int32_t Size = 10;
-  TStyles Styles;
-};
-
-class TColItem : public TCollectionItem {
-  VEL_CLASS(TColItem, TCollectionItem)
- public:
-  using TCollectionItem::TCollectionItem;
-  int32_t Width = 0;
-  std::string Caption;
-  TComponent* Link = nullptr;
-};
-
-// Counts instances so that tests can tell what a failed read freed.
-inline int LiveParts = 0;
-
-// A component with a property of every kind, owned sub-objects, a
-// reference, an event and binary data defined through DefineProperties.
-class TEveryKind : public TComponent {
-  VEL_CLASS(TEveryKind, TComponent)
- public:
-  explicit TEveryKind(TComponent* AOwner = nullptr)
-      : TComponent(AOwner), Items(new TCollection(TColItem::StaticClass())) {
-    ++LiveParts;
-  }
-  ~TEveryKind() override {
-    --LiveParts;
-    delete Font;
-    delete Items;
-    delete Lines;
-  }
-  int32_t Int = 0;
-  int64_t Big = 0;
-  char Ch = 0;
-  char16_t WCh = 0;
-  TShape Shape = shCircle;
-  bool Flag = false;
-  TStyles Styles;
-  float Sgl = 0;
-  double Dbl = 0;
-  Extended Ext = 0;
-  Currency Cur;
-  Comp Cmp;
-  TDateTime When;
-  ShortString Short;
-  std::string Long;
-  std::u16string Wide;
-  Variant Var;
-  TFontLike* Font = new TFontLike;
-  TCollection* Items;
-  TStringList* Lines = new TStringList;
-  TComponent* Buddy = nullptr;
-  TNotifyEvent OnClick;
-  std::string Blob;  // streamed as binary through DefineProperties
-  int Clicks = 0;
-  std::vector<std::string> Log;  // what Loaded saw
-
-  void HandleClick(TObject*) { ++Clicks; }
-  void DefineProperties(TFiler* Filer) override {
-    TComponent::DefineProperties(Filer);
-    Filer->DefineBinaryProperty(
-        "Blob",
-        [this](TStream* S) {
-          Blob.resize(static_cast<size_t>(S->GetSize()));
-          S->ReadBuffer(Blob.data(), S->GetSize());
-        },
-        [this](TStream* S) { S->WriteBuffer(Blob.data(), static_cast<int64_t>(Blob.size())); },
-        !Blob.empty());
-  }
-  void Loaded() override {
-    TComponent::Loaded();
-    Log.push_back("Loaded " + Name() + (Buddy ? " buddy=" + Buddy->Name() : std::string()));
-  }
-};
 
 // A component with nothing of its own to stream.
 class TBare : public TComponent {
   VEL_CLASS(TBare, TComponent)
  public:
   using TComponent::TComponent;
-  ~TBare() override = default;
 };
 
 // Integer and string properties for the byte-level tests.
@@ -154,22 +70,6 @@ using namespace filer_test;
 VEL_IMPLEMENT(TMakesPart)
 VEL_PUBLISHED(TLoopNode, prop("Tag", &TLoopNode::Tag), readonly_prop("Other", &TLoopNode::Other))
 VEL_PUBLISHED(TLoopHolder, readonly_prop("Node", &TLoopHolder::Node))
-
-VEL_PUBLISHED(TFontLike, prop("Name", &TFontLike::Name), prop("Size", &TFontLike::Size).defaults(10),
-              prop("Styles", &TFontLike::Styles).defaults(0))
-VEL_PUBLISHED(TColItem, prop("Width", &TColItem::Width).defaults(0), prop("Caption", &TColItem::Caption),
-              prop("Link", &TColItem::Link))
-VEL_PUBLISHED(TEveryKind, prop("Int", &TEveryKind::Int), prop("Big", &TEveryKind::Big),
-              prop("Ch", &TEveryKind::Ch).defaults(0), prop("WCh", &TEveryKind::WCh).defaults(0),
-              prop("Shape", &TEveryKind::Shape).defaults(shCircle),
-              prop("Flag", &TEveryKind::Flag).defaults(false), prop("Styles", &TEveryKind::Styles).defaults(0),
-              prop("Sgl", &TEveryKind::Sgl), prop("Dbl", &TEveryKind::Dbl), prop("Ext", &TEveryKind::Ext),
-              prop("Cur", &TEveryKind::Cur), prop("Cmp", &TEveryKind::Cmp), prop("When", &TEveryKind::When),
-              prop("Short", &TEveryKind::Short), prop("Long", &TEveryKind::Long),
-              prop("Wide", &TEveryKind::Wide), prop("Var", &TEveryKind::Var),
-              prop("Font", &TEveryKind::Font), readonly_prop("Items", &TEveryKind::Items),
-              readonly_prop("Lines", &TEveryKind::Lines), prop("Buddy", &TEveryKind::Buddy),
-              prop("OnClick", &TEveryKind::OnClick), method<&TEveryKind::HandleClick>("HandleClick"))
 VEL_IMPLEMENT(TBare)
 VEL_PUBLISHED(TScalars, prop("I", &TScalars::I).defaults(0), prop("L", &TScalars::L),
               prop("S", &TScalars::S), prop("W", &TScalars::W),
@@ -200,12 +100,15 @@ TComponent* Load(const Bytes& Data, TComponent* Root = nullptr) {
   return ReadComponent(&S, Root);
 }
 
+// The class and text of the exception a read raises. The text is what()
+// whole: names from a damaged file must not cut it short at a NUL.
 std::string ReadError(const Bytes& B, TComponent* Root = nullptr) {
   try {
     std::unique_ptr<TComponent> C(Load(B, Root));
     if (Root) (void)C.release();
   } catch (const Exception& E) {
-    return std::string(E.ClassName()) + ": " + E.Message();
+    EXPECT_EQ(std::strlen(E.what()), E.Message().size());
+    return std::string(E.ClassName()) + ": " + E.what();
   }
   return "no error";
 }
@@ -221,22 +124,25 @@ Bytes Header(std::string_view Class, std::string_view Name) {
   Str(B, Name);
   return B;
 }
-void Append(Bytes& B, std::initializer_list<uint8_t> L) { B.insert(B.end(), L); }
+void Append(Bytes& B, const Bytes& L) {
+  B.insert(B.end(), L.begin(), L.end());
+}
+Bytes operator+(Bytes A, const Bytes& B) {
+  Append(A, B);
+  return A;
+}
+template <class T>
+T* As(TComponent* C) {
+  return static_cast<T*>(C);
+}
 
-// The bytes of a TScalars root "R" holding one property entry.
-Bytes OneProp(std::string_view Name, std::initializer_list<uint8_t> Value) {
-  Bytes B = Header("TScalars", "R");
+// The bytes of a root (TScalars "R" unless told) holding one property entry.
+Bytes OneProp(std::string_view Name, const Bytes& Value, std::string_view Class = "TScalars") {
+  Bytes B = Header(Class, "R");
   Str(B, Name);
   Append(B, Value);
   Append(B, {0, 0});
   return B;
-}
-
-Bytes ScalarsWithInt(int32_t V) {
-  TScalars S;
-  S.SetName("R");
-  S.I = V;
-  return Save(&S);
 }
 
 void FillEveryKind(TEveryKind& E) {
@@ -264,8 +170,7 @@ void FillEveryKind(TEveryKind& E) {
   auto* I1 = static_cast<TColItem*>(E.Items->Add());
   I1->Width = 40;
   I1->Caption = "first";
-  auto* I2 = static_cast<TColItem*>(E.Items->Add());
-  I2->Caption = "second";
+  static_cast<TColItem*>(E.Items->Add())->Caption = "second";
   E.Lines->Add("alpha");
   E.Lines->Add("");
   E.Lines->Add("gamma 'quoted'");
@@ -295,8 +200,7 @@ TEST(FilerFormat, BareComponentIsSignatureHeaderAndTwoEndMarkers) {
   // Tag is published with default 0: written only when set; owned
   // components follow the property list, each closed by its own markers.
   B.SetTag(-2);
-  auto* C = new TBare(&B);
-  C->SetName("Kid");
+  (new TBare(&B))->SetName("Kid");
   Expected = Header("TBare", "Root");
   Str(Expected, "Tag");
   Append(Expected, {vaInt8, 0xFE, 0});
@@ -306,71 +210,47 @@ TEST(FilerFormat, BareComponentIsSignatureHeaderAndTwoEndMarkers) {
   EXPECT_EQ(Save(&B), Expected);
 }
 
-TEST(FilerFormat, IntegersTakeTheSmallestWidth) {
-  struct Case {
-    int32_t V;
-    Bytes Value;
+TEST(FilerFormat, IntegersAndStringsTakeTheSmallestForm) {
+  const struct {
+    std::function<void(TScalars&)> Set;
+    Bytes Expected;
   } Cases[] = {
-      {1, {vaInt8, 1}},
-      {-128, {vaInt8, 0x80}},
-      {127, {vaInt8, 0x7F}},
-      {128, {vaInt16, 0x80, 0x00}},
-      {-129, {vaInt16, 0x7F, 0xFF}},
-      {32767, {vaInt16, 0xFF, 0x7F}},
-      {-32768, {vaInt16, 0x00, 0x80}},
-      {32768, {vaInt32, 0x00, 0x80, 0x00, 0x00}},
-      {INT32_MIN, {vaInt32, 0x00, 0x00, 0x00, 0x80}},
+      // Integers: the narrowest width that holds the value; the default (0)
+      // is not written at all.
+      {[](TScalars& S) { S.I = 1; }, OneProp("I", {vaInt8, 1})},
+      {[](TScalars& S) { S.I = -128; }, OneProp("I", {vaInt8, 0x80})},
+      {[](TScalars& S) { S.I = 127; }, OneProp("I", {vaInt8, 0x7F})},
+      {[](TScalars& S) { S.I = 128; }, OneProp("I", {vaInt16, 0x80, 0x00})},
+      {[](TScalars& S) { S.I = -129; }, OneProp("I", {vaInt16, 0x7F, 0xFF})},
+      {[](TScalars& S) { S.I = 32767; }, OneProp("I", {vaInt16, 0xFF, 0x7F})},
+      {[](TScalars& S) { S.I = -32768; }, OneProp("I", {vaInt16, 0x00, 0x80})},
+      {[](TScalars& S) { S.I = 32768; }, OneProp("I", {vaInt32, 0x00, 0x80, 0x00, 0x00})},
+      {[](TScalars& S) { S.I = INT32_MIN; }, OneProp("I", {vaInt32, 0x00, 0x00, 0x00, 0x80})},
+      {[](TScalars&) {}, Header("TScalars", "R") + Bytes{0, 0}},
+      // Int64: within 32 bits like any integer, beyond as vaInt64.
+      {[](TScalars& S) { S.L = -1; }, OneProp("L", {vaInt8, 0xFF})},
+      {[](TScalars& S) { S.L = int64_t(1) << 31; },
+       OneProp("L", {vaInt64, 0, 0, 0, 0x80, 0, 0, 0, 0})},
+      // 255 characters keep the one-byte length, 256 take vaLString.
+      {[](TScalars& S) { S.S = std::string(255, 'a'); },
+       OneProp("S", Bytes{vaString, 255} + Bytes(255, 'a'))},
+      {[](TScalars& S) { S.S = std::string(256, 'b'); },
+       OneProp("S", Bytes{vaLString, 0x00, 0x01, 0x00, 0x00} + Bytes(256, 'b'))},
+      // A wide string that Windows-1252 holds is written as an 8-bit string;
+      // one that it cannot hold as UTF-16 code units.
+      {[](TScalars& S) { S.W = u"\u20AC\u00E9"; }, OneProp("W", {vaString, 2, 0x80, 0xE9})},
+      {[](TScalars& S) { S.W = u"\u03A9!"; },
+       OneProp("W", {vaWString, 2, 0, 0, 0, 0xA9, 0x03, '!', 0})},
   };
-  for (const Case& C : Cases) {
-    Bytes Expected = Header("TScalars", "R");
-    Str(Expected, "I");
-    Expected.insert(Expected.end(), C.Value.begin(), C.Value.end());
-    Append(Expected, {0, 0});
-    EXPECT_EQ(ScalarsWithInt(C.V), Expected) << C.V;
-    std::unique_ptr<TComponent> Back(Load(Expected));
-    EXPECT_EQ(static_cast<TScalars*>(Back.get())->I, C.V);
+  for (const auto& C : Cases) {
+    TScalars S;
+    S.SetName("R");
+    C.Set(S);
+    EXPECT_EQ(Save(&S), C.Expected);
+    // What was written reads back to the same value.
+    std::unique_ptr<TComponent> Back(Load(C.Expected));
+    EXPECT_EQ(Save(Back.get()), C.Expected);
   }
-  // The default (0) is not written at all.
-  Bytes Empty = Header("TScalars", "R");
-  Append(Empty, {0, 0});
-  EXPECT_EQ(ScalarsWithInt(0), Empty);
-
-  // Int64: within 32 bits like any integer, beyond as vaInt64.
-  TScalars S;
-  S.SetName("R");
-  S.L = -1;
-  EXPECT_EQ(Save(&S), OneProp("L", {vaInt8, 0xFF}));
-  S.L = int64_t(1) << 31;
-  EXPECT_EQ(Save(&S), OneProp("L", {vaInt64, 0, 0, 0, 0x80, 0, 0, 0, 0}));
-}
-
-TEST(FilerFormat, ShortLongAndWideStrings) {
-  TScalars S;
-  S.SetName("R");
-  S.S = std::string(255, 'a');
-  Bytes B = Save(&S);
-  Bytes Expected = Header("TScalars", "R");
-  Str(Expected, "S");
-  Append(Expected, {vaString, 255});
-  Expected.insert(Expected.end(), 255, 'a');
-  Append(Expected, {0, 0});
-  EXPECT_EQ(B, Expected);
-
-  S.S = std::string(256, 'b');
-  Expected = Header("TScalars", "R");
-  Str(Expected, "S");
-  Append(Expected, {vaLString, 0x00, 0x01, 0x00, 0x00});
-  Expected.insert(Expected.end(), 256, 'b');
-  Append(Expected, {0, 0});
-  EXPECT_EQ(Save(&S), Expected);
-
-  // A wide string that Windows-1252 holds is written as an 8-bit string;
-  // one that it cannot hold as UTF-16 code units.
-  S.S.clear();
-  S.W = u"\u20AC\u00E9";
-  EXPECT_EQ(Save(&S), OneProp("W", {vaString, 2, 0x80, 0xE9}));
-  S.W = u"\u03A9!";
-  EXPECT_EQ(Save(&S), OneProp("W", {vaWString, 2, 0, 0, 0, 0xA9, 0x03, '!', 0}));
 }
 
 TEST(FilerFormat, EveryValueType) {
@@ -382,35 +262,40 @@ TEST(FilerFormat, EveryValueType) {
     {
       TWriter W(&M);
       W.SetRoot(&E);
-      if (*Name) W.WriteProperty(&E, GetPropInfo(&E, Name));
-      else E.DefineProperties(&W);
+      if (*Name)
+        W.WriteProperty(&E, GetPropInfo(&E, Name));
+      else
+        E.DefineProperties(&W);
     }
     auto* P = static_cast<const uint8_t*>(M.Memory());
     return Bytes(P, P + M.GetSize());
   };
-  auto Expect = [](const char* Name, std::initializer_list<uint8_t> Value) {
-    Bytes B;
-    Str(B, Name);
-    Append(B, Value);
-    return B;
-  };
   // Defaults are left out: false, the declared enumeration default, the
   // empty set, zero floats, empty texts, an unassigned variant.
-  for (const char* Name : {"Flag", "Shape", "Styles", "Ch", "Dbl", "Sgl", "Cur", "When", "Long", "Var",
-                           "Lines", "OnClick", ""})
+  for (const char* Name : {"Flag", "Shape", "Styles", "Ch", "Dbl", "Sgl", "Cur", "When", "Long",
+                           "Var", "Lines", "OnClick", ""})
     EXPECT_EQ(Entry(Name), Bytes()) << Name;
-  // Without a declared default an ordinal is always written.
+
+  auto Expect = [](const char* Name, const Bytes& Value) {
+    Bytes B;
+    Str(B, Name);
+    return B + Value;
+  };
+  // Without a declared default an ordinal is always written, the marker
+  // value itself too; a reference to no component is vaNil.
   EXPECT_EQ(Entry("Int"), Expect("Int", {vaInt8, 0}));
-  // A reference to no component is vaNil.
   EXPECT_EQ(Entry("Buddy"), Expect("Buddy", {vaNil}));
+  E.Int = INT32_MIN;
+  EXPECT_EQ(Entry("Int"), Expect("Int", {vaInt32, 0, 0, 0, 0x80}));
 
   E.Flag = true;
   EXPECT_EQ(Entry("Flag"), Expect("Flag", {vaTrue}));
   E.Shape = shSquare;
   EXPECT_EQ(Entry("Shape"), Expect("Shape", {vaIdent, 8, 's', 'h', 'S', 'q', 'u', 'a', 'r', 'e'}));
   E.Styles = {stItalic, stUnderline};
-  EXPECT_EQ(Entry("Styles"), Expect("Styles", {vaSet, 8, 's', 't', 'I', 't', 'a', 'l', 'i', 'c', 11, 's',
-                                               't', 'U', 'n', 'd', 'e', 'r', 'l', 'i', 'n', 'e', 0}));
+  EXPECT_EQ(Entry("Styles"),
+            Expect("Styles", {vaSet, 8,   's', 't', 'I', 't', 'a', 'l', 'i', 'c', 11, 's',
+                              't',   'U', 'n', 'd', 'e', 'r', 'l', 'i', 'n', 'e', 0}));
   E.Ch = 'q';
   EXPECT_EQ(Entry("Ch"), Expect("Ch", {vaString, 1, 'q'}));
   E.Dbl = 1.5;
@@ -434,11 +319,10 @@ TEST(FilerFormat, EveryValueType) {
   E.Blob = "\x01\x02";
   EXPECT_EQ(Entry(""), Expect("Blob", {vaBinary, 2, 0, 0, 0, 1, 2}));
   E.OnClick = TNotifyEvent::Bind<&TEveryKind::HandleClick>(&E);
-  EXPECT_EQ(Entry("OnClick"),
-            Expect("OnClick", {vaIdent, 11, 'H', 'a', 'n', 'd', 'l', 'e', 'C', 'l', 'i', 'c', 'k'}));
-  auto* Other = new TBare(&E);
-  Other->SetName("Pal");
-  E.Buddy = Other;
+  EXPECT_EQ(Entry("OnClick"), Expect("OnClick", {vaIdent, 11, 'H', 'a', 'n', 'd', 'l', 'e', 'C',
+                                                 'l', 'i', 'c', 'k'}));
+  E.Buddy = new TBare(&E);
+  E.Buddy->SetName("Pal");
   EXPECT_EQ(Entry("Buddy"), Expect("Buddy", {vaIdent, 3, 'P', 'a', 'l'}));
 }
 
@@ -472,35 +356,26 @@ TEST(FilerRoundTrip, EveryKindReadsBackEqual) {
   std::unique_ptr<TComponent> Back(Load(B));
   auto* R = dynamic_cast<TEveryKind*>(Back.get());
   ASSERT_NE(R, nullptr);
-  EXPECT_EQ(R->Name(), "Root");
-  EXPECT_EQ(R->Int, -5);
+  // Writing what was read gives the same bytes (the writer's bytes for
+  // each kind are pinned above), and so does the text form.
+  EXPECT_EQ(Save(R), B);
+  TReadOnlyMemoryStream In(B.data(), static_cast<int64_t>(B.size()));
+  TMemoryStream Text, Again;
+  ObjectBinaryToText(&In, &Text);
+  Text.SetPosition(0);
+  ObjectTextToBinary(&Text, &Again);
+  auto* P = static_cast<const uint8_t*>(Again.Memory());
+  EXPECT_EQ(Bytes(P, P + Again.GetSize()), B);
+  // Values whose byte form is not pinned elsewhere.
   EXPECT_EQ(R->Big, 1LL << 40);
-  EXPECT_EQ(R->Ch, 'x');
   EXPECT_EQ(R->WCh, u'\u03A9');
-  EXPECT_EQ(R->Shape, shTriangle);
-  EXPECT_TRUE(R->Flag);
-  EXPECT_EQ(R->Styles, TStyles({stBold, stUnderline}));
-  EXPECT_EQ(R->Sgl, 0.1f);
-  EXPECT_EQ(R->Dbl, 0.1);
   EXPECT_EQ(R->Ext, 3.14L);
-  EXPECT_EQ(R->Cur.Value, 123456789);
   EXPECT_EQ(R->Cmp.Value, -9000000000LL);
-  EXPECT_EQ(R->When.Value, 45000.75);
   EXPECT_EQ(R->Short.str(), "short");
   EXPECT_EQ(R->Long, E.Long);
   EXPECT_EQ(R->Wide, E.Wide);
-  EXPECT_EQ(R->Var.AsInteger(), 77);
-  EXPECT_EQ(R->Font->Name, "Courier");
-  EXPECT_EQ(R->Font->Size, 12);
-  EXPECT_EQ(R->Font->Styles, TStyles({stItalic}));
-  ASSERT_EQ(R->Items->Count(), 2);
-  auto* I1 = static_cast<TColItem*>(R->Items->Items(0));
-  EXPECT_EQ(I1->Width, 40);
-  EXPECT_EQ(I1->Caption, "first");
-  EXPECT_EQ(static_cast<TColItem*>(R->Items->Items(1))->Caption, "second");
-  ASSERT_EQ(R->Lines->Count(), 3);
-  EXPECT_EQ(R->Lines->Strings(2), "gamma 'quoted'");
   EXPECT_EQ(R->Blob, E.Blob);
+  EXPECT_EQ(R->Font->Styles, TStyles({stItalic}));
   // The event is bound to the new root's published method.
   ASSERT_TRUE(R->OnClick.Assigned());
   R->OnClick(R);
@@ -511,28 +386,16 @@ TEST(FilerRoundTrip, EveryKindReadsBackEqual) {
   auto* Child = dynamic_cast<TEveryKind*>(R->Components(0));
   ASSERT_NE(Child, nullptr);
   EXPECT_EQ(Child->Name(), "Child");
-  EXPECT_EQ(Child->Int, 1);
   ASSERT_EQ(Child->ComponentCount(), 1);
   EXPECT_EQ(R->Buddy, Child->Components(0));
-  EXPECT_EQ(I1->Link, Child);
+  EXPECT_EQ(static_cast<TColItem*>(R->Items->Items(0))->Link, Child);
   EXPECT_EQ(LiveParts, 2);
-
-  // Writing what was read gives the same bytes, and so does the text form.
-  EXPECT_EQ(Save(R), B);
-  TReadOnlyMemoryStream In(B.data(), static_cast<int64_t>(B.size()));
-  TMemoryStream Text, Again;
-  ObjectBinaryToText(&In, &Text);
-  Text.SetPosition(0);
-  ObjectTextToBinary(&Text, &Again);
-  auto* P = static_cast<const uint8_t*>(Again.Memory());
-  EXPECT_EQ(Bytes(P, P + Again.GetSize()), B);
 }
 
 TEST(FilerRoundTrip, LoadedRunsOnceForEveryComponentAfterReferencesResolve) {
   TEveryKind E;
   FillEveryKind(E);
-  auto* Child = static_cast<TEveryKind*>(E.Components(0));
-  Child->Buddy = &E;  // written as "Owner"
+  static_cast<TEveryKind*>(E.Components(0))->Buddy = &E;  // written as "Owner"
   Bytes B = Save(&E);
 
   TEveryKind Into;
@@ -581,52 +444,45 @@ TEST(FilerRoundTrip, ComponentsTheOwnerMakesAreReadIntoNotMadeTwice) {
   EXPECT_EQ(Back->Components(1)->Name(), "Part");
   EXPECT_EQ(static_cast<TScalars*>(Back->Components(1))->I, 5);
   EXPECT_EQ(Save(Back.get()), B);
-
-  // A component of the same name but another class is an error.
-  Bytes Clash = Header("TMakesPart", "M");
-  Append(Clash, {0});
-  Str(Clash, "TBare");
-  Str(Clash, "Part");
-  Append(Clash, {0, 0, 0});
-  EXPECT_EQ(ReadError(Clash), "EComponentError: A component named Part already exists");
 }
 
 TEST(FilerRead, AcceptsEveryEncodingOfAValue) {
-  auto ReadInto = [](const Bytes& B) {
-    TScalars S;
-    Load(B, &S);
-    return std::make_tuple(S.I, S.L, S.S, S.W);
+  const struct {
+    Bytes Data;
+    std::function<bool(TComponent*)> Check;
+  } Cases[] = {
+      // Integers written wider than needed, and an Int64 from vaInt16.
+      {OneProp("I", {vaInt32, 5, 0, 0, 0}), [](TComponent* C) { return As<TScalars>(C)->I == 5; }},
+      {OneProp("L", {vaInt16, 0xFF, 0xFF}), [](TComponent* C) { return As<TScalars>(C)->L == -1; }},
+      // Short text as vaLString, UTF-8 and UTF-16 into an 8-bit string.
+      {OneProp("S", {vaLString, 2, 0, 0, 0, 'h', 'i'}),
+       [](TComponent* C) { return As<TScalars>(C)->S == "hi"; }},
+      {OneProp("S", {vaUTF8String, 3, 0, 0, 0, 0xE2, 0x82, 0xAC}),
+       [](TComponent* C) { return As<TScalars>(C)->S == "\x80"; }},
+      {OneProp("S", {vaWString, 1, 0, 0, 0, 0xE9, 0x00}),
+       [](TComponent* C) { return As<TScalars>(C)->S == "\xE9"; }},
+      {OneProp("W", {vaUTF8String, 2, 0, 0, 0, 0xCE, 0xA9}),
+       [](TComponent* C) { return As<TScalars>(C)->W == u"\u03A9"; }},
+      // Property names are matched in any letter case.
+      {OneProp("i", {vaInt8, 9}), [](TComponent* C) { return As<TScalars>(C)->I == 9; }},
+      // Floats from any numeric type.
+      {OneProp("Ext", {vaInt8, 0xFE}, "TEveryKind"),
+       [](TComponent* C) { return As<TEveryKind>(C)->Ext == -2.0L; }},
+      {OneProp("Ext", {vaSingle, 0, 0, 0xC0, 0x3F}, "TEveryKind"),
+       [](TComponent* C) { return As<TEveryKind>(C)->Ext == 1.5L; }},
+      {OneProp("Ext", {vaCurrency, 0x98, 0x3A, 0, 0, 0, 0, 0, 0}, "TEveryKind"),
+       [](TComponent* C) { return As<TEveryKind>(C)->Ext == 1.5L; }},
+      {OneProp("Ext", {vaInt64, 0, 0, 0, 0, 1, 0, 0, 0}, "TEveryKind"),
+       [](TComponent* C) { return As<TEveryKind>(C)->Ext == 4294967296.0L; }},
   };
-  // Integers written wider than needed, and an Int64 from vaInt32.
-  EXPECT_EQ(std::get<0>(ReadInto(OneProp("I", {vaInt32, 5, 0, 0, 0}))), 5);
-  EXPECT_EQ(std::get<1>(ReadInto(OneProp("L", {vaInt16, 0xFF, 0xFF}))), -1);
-  // Short text as vaLString, UTF-8 and UTF-16 into an 8-bit string.
-  EXPECT_EQ(std::get<2>(ReadInto(OneProp("S", {vaLString, 2, 0, 0, 0, 'h', 'i'}))), "hi");
-  EXPECT_EQ(std::get<2>(ReadInto(OneProp("S", {vaUTF8String, 3, 0, 0, 0, 0xE2, 0x82, 0xAC}))), "\x80");
-  EXPECT_EQ(std::get<2>(ReadInto(OneProp("S", {vaWString, 1, 0, 0, 0, 0xE9, 0x00}))), "\xE9");
-  EXPECT_EQ(std::get<3>(ReadInto(OneProp("W", {vaUTF8String, 2, 0, 0, 0, 0xCE, 0xA9}))), u"\u03A9");
-  // Property names are matched in any letter case.
-  EXPECT_EQ(std::get<0>(ReadInto(OneProp("i", {vaInt8, 9}))), 9);
-
-  // Floats from any numeric type.
-  auto ReadFloatFrom = [](std::initializer_list<uint8_t> V) {
-    Bytes B = Header("TEveryKind", "R");
-    Str(B, "Ext");
-    Append(B, V);
-    Append(B, {0, 0});
-    TEveryKind E;
-    Load(B, &E);
-    return E.Ext;
-  };
-  EXPECT_EQ(ReadFloatFrom({vaInt8, 0xFE}), -2.0L);
-  EXPECT_EQ(ReadFloatFrom({vaSingle, 0, 0, 0xC0, 0x3F}), 1.5L);
-  EXPECT_EQ(ReadFloatFrom({vaCurrency, 0x98, 0x3A, 0, 0, 0, 0, 0, 0}), 1.5L);
-  EXPECT_EQ(ReadFloatFrom({vaInt64, 0, 0, 0, 0, 1, 0, 0, 0}), 4294967296.0L);
+  for (const auto& C : Cases) {
+    std::unique_ptr<TComponent> R(Load(C.Data));
+    EXPECT_TRUE(C.Check(R.get())) << ::testing::PrintToString(C.Data);
+  }
 
   // A prefix with a child position is read (and the flags kept apart).
   Bytes B = Header("TBare", "Root");
-  Append(B, {0});
-  Append(B, {0xF2, vaInt8, 0});
+  Append(B, {0, 0xF2, vaInt8, 0});
   Str(B, "TBare");
   Str(B, "Second");
   Append(B, {0, 0});
@@ -642,91 +498,69 @@ TEST(FilerRead, InheritedComponentsAreFoundNotCreated) {
   TBare Root;
   auto* Existing = new TScalars(&Root);
   Existing->SetName("Kept");
-  Bytes B = Header("TBare", "Root");
-  Append(B, {0, 0xF1});
-  Str(B, "TScalars");
-  Str(B, "Kept");
-  Str(B, "I");
-  Append(B, {vaInt8, 42, 0, 0, 0});
-  Load(B, &Root);
+  for (const char* Name : {"Kept", "Gone"}) {
+    Bytes B = Header("TBare", "Root");
+    Append(B, {0, 0xF1});
+    Str(B, "TScalars");
+    Str(B, Name);
+    Str(B, "I");
+    Append(B, {vaInt8, 42, 0, 0, 0});
+    EXPECT_EQ(ReadError(B, &Root),
+              *Name == 'K' ? "no error" : "EReadError: Ancestor for 'Gone' not found");
+  }
   ASSERT_EQ(Root.ComponentCount(), 1);
   EXPECT_EQ(Root.Components(0), Existing);
   EXPECT_EQ(Existing->I, 42);
-
-  Bytes Missing = Header("TBare", "Root");
-  Append(Missing, {0, 0xF1});
-  Str(Missing, "TScalars");
-  Str(Missing, "Gone");
-  Append(Missing, {0, 0, 0});
-  TBare Other;
-  try {
-    Load(Missing, &Other);
-    FAIL();
-  } catch (const EReadError& E) {
-    EXPECT_STREQ(E.what(), "Ancestor for 'Gone' not found");
-  }
 }
 
 // ---------------------------------------------------------------------------
 // Errors
 
-
 TEST(FilerErrors, MessagesOfTheRuntime) {
+  using namespace std::string_view_literals;
   Bytes Bad = Header("TBare", "R");
   Bad[3] = '1';
-  EXPECT_EQ(ReadError(Bad), "EReadError: Invalid stream format");
-  EXPECT_EQ(ReadError(Bytes{'T', 'P'}), "EReadError: Stream read error");
-  Bytes Unknown = Header("TNoSuchClass", "R");
-  Append(Unknown, {0, 0});
-  EXPECT_EQ(ReadError(Unknown), "EClassNotFound: Class TNoSuchClass not found");
-
-  EXPECT_EQ(ReadError(OneProp("Nope", {vaInt8, 1})),
-            "EReadError: Error reading R.Nope: Property Nope does not exist");
-  EXPECT_EQ(ReadError(OneProp("I", {vaString, 1, 'x'})),
-            "EReadError: Error reading R.I: Invalid property value");
-  EXPECT_EQ(ReadError(OneProp("I", {21, 0})), "EReadError: Error reading R.I: Invalid stream format");
-  EXPECT_EQ(ReadError(OneProp("RO", {vaInt8, 1})),
-            "EReadError: Error reading R.RO: Property is read-only");
-  EXPECT_EQ(ReadError(OneProp("S.X", {vaInt8, 1})), "EReadError: Error reading R.S: Invalid property path");
   // A truncated value inside a property.
   Bytes Short = OneProp("S", {vaLString, 10, 0, 0, 0, 'a'});
   Short.resize(Short.size() - 2);
-  EXPECT_EQ(ReadError(Short), "EReadError: Error reading R.S: Stream read error");
-  // Collection items are named by their class.
   Bytes Item = Header("TEveryKind", "R");
   Str(Item, "Items");
   Append(Item, {vaCollection, vaList});
   Str(Item, "Bogus");
   Append(Item, {vaInt8, 1, 0, 0, 0, 0});
-  EXPECT_EQ(ReadError(Item), "EReadError: Error reading TColItem.Bogus: Property Bogus does not exist");
-}
-
-// Names taken from a damaged file reach the message with each control byte
-// written as #n, so what() holds the whole message and nothing in it
-// steers a terminal.
-TEST(FilerErrors, NamesFromTheFileAreQuotedWithControlBytesEscaped) {
-  using namespace std::string_view_literals;
-  Bytes Class = Header("TNo\0Such\x1b[2J"sv, "R");
-  Append(Class, {0, 0});
-  Bytes Name = Header("TBare", "R\x01\r\n"sv);
-  Append(Name, {0, 0});
+  Bytes Clash = Header("TMakesPart", "M");
+  Append(Clash, {0});
+  Str(Clash, "TBare");
+  Str(Clash, "Part");
+  Append(Clash, {0, 0, 0});
   const struct {
     Bytes Data;
-    std::string Expected;
+    const char* Expected;
   } Cases[] = {
-      {Class, "Class TNo#0Such#27[2J not found"},
-      {Name, "'R#1#13#10' is not a valid component name"},
-      {OneProp("N\0pe\x7f"sv, {vaInt8, 1}), "Error reading R.N#0pe#127: Property N#0pe#127 does not exist"},
+      {Bad, "EReadError: Invalid stream format"},
+      {Bytes{'T', 'P'}, "EReadError: Stream read error"},
+      {Header("TNoSuchClass", "R") + Bytes{0, 0}, "EClassNotFound: Class TNoSuchClass not found"},
+      {OneProp("Nope", {vaInt8, 1}),
+       "EReadError: Error reading R.Nope: Property Nope does not exist"},
+      {OneProp("I", {vaString, 1, 'x'}), "EReadError: Error reading R.I: Invalid property value"},
+      {OneProp("I", {21, 0}), "EReadError: Error reading R.I: Invalid stream format"},
+      {OneProp("RO", {vaInt8, 1}), "EReadError: Error reading R.RO: Property is read-only"},
+      {OneProp("S.X", {vaInt8, 1}), "EReadError: Error reading R.S: Invalid property path"},
+      {Short, "EReadError: Error reading R.S: Stream read error"},
+      // Collection items are named by their class.
+      {Item, "EReadError: Error reading TColItem.Bogus: Property Bogus does not exist"},
+      // A component of the name of one the owner made, but of another class.
+      {Clash, "EComponentError: A component named Part already exists"},
+      // Names taken from a damaged file reach the message with each control
+      // byte written as #n, so nothing in it steers a terminal.
+      {Header("TNo\0Such\x1b[2J"sv, "R") + Bytes{0, 0},
+       "EClassNotFound: Class TNo#0Such#27[2J not found"},
+      {Header("TBare", "R\x01\r\n"sv) + Bytes{0, 0},
+       "EComponentError: 'R#1#13#10' is not a valid component name"},
+      {OneProp("N\0pe\x7f"sv, {vaInt8, 1}),
+       "EReadError: Error reading R.N#0pe#127: Property N#0pe#127 does not exist"},
   };
-  for (const auto& C : Cases) {
-    try {
-      std::unique_ptr<TComponent> Got(Load(C.Data));
-      ADD_FAILURE() << "no error for " << C.Expected;
-    } catch (const Exception& E) {
-      EXPECT_EQ(std::string(E.what()), C.Expected);
-      EXPECT_EQ(std::strlen(E.what()), E.Message().size());
-    }
-  }
+  for (const auto& C : Cases) EXPECT_EQ(ReadError(C.Data), C.Expected);
 }
 
 TEST(FilerErrors, DamagedLengthsFailWithoutHugeAllocations) {
@@ -776,8 +610,7 @@ TEST(FilerErrors, OnErrorSkipsPropertiesAndComponents) {
   Str(B, "I");
   Append(B, {vaString, 1, 'x'});  // wrong type
   Str(B, "S");
-  Append(B, {vaString, 2, 'o', 'k'});
-  Append(B, {0});
+  Append(B, {vaString, 2, 'o', 'k', 0});
   Str(B, "TUnregistered");
   Str(B, "Lost");
   Str(B, "P");
@@ -796,9 +629,10 @@ TEST(FilerErrors, OnErrorSkipsPropertiesAndComponents) {
     Handled = true;
   };
   R.ReadRootComponent(&S);
-  EXPECT_EQ(Messages, std::vector<std::string>({"Error reading R.Gone: Property Gone does not exist",
-                                                "Error reading R.I: Invalid property value",
-                                                "Class TUnregistered not found"}));
+  EXPECT_EQ(Messages,
+            std::vector<std::string>({"Error reading R.Gone: Property Gone does not exist",
+                                      "Error reading R.I: Invalid property value",
+                                      "Class TUnregistered not found"}));
   EXPECT_EQ(S.I, 3);
   EXPECT_EQ(S.S, "ok");
   ASSERT_EQ(S.ComponentCount(), 1);
@@ -845,24 +679,10 @@ TEST(FilerWriter, CyclesAreCutAndArraysRefused) {
   Append(Expected, {vaInt8, 2, 0, 0});
   EXPECT_EQ(Save(&H), Expected);
 
-  // Variant arrays have no component-stream form; nothing is half-written.
+  // Variant arrays have no component-stream form.
   TEveryKind E;
   E.SetName("R");
   E.Var = VarArrayCreate({0, 1}, varInteger);
   TMemoryStream M;
   EXPECT_THROW(WriteComponent(&M, &E), EWriteError);
-}
-
-TEST(FilerFormat, PropertyWithoutDefaultIsWrittenEvenAtTheMarkerValue) {
-  // Without a declared default every value is written, the marker itself too,
-  // so that what was read writes back the same.
-  TEveryKind E;
-  E.SetName("Root");
-  E.Int = INT32_MIN;
-  Bytes Out = Save(&E);
-  const Bytes Entry = {3, 'I', 'n', 't', vaInt32, 0x00, 0x00, 0x00, 0x80};
-  EXPECT_NE(std::search(Out.begin(), Out.end(), Entry.begin(), Entry.end()), Out.end());
-  std::unique_ptr<TComponent> Back(Load(Out));
-  EXPECT_EQ(static_cast<TEveryKind*>(Back.get())->Int, INT32_MIN);
-  EXPECT_EQ(Save(Back.get()), Out);
 }

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "StreamTestClasses.h"
 #include "vel/StreamClasses.h"
 #include "vel/rtl/SysUtils.h"
 
@@ -59,14 +60,6 @@ class TItem : public TCollectionItem {
   std::string Text;
 };
 
-// A component registered for object lists.
-class TPart : public TComponent {
-  VEL_CLASS(TPart, TComponent)
- public:
-  explicit TPart(TComponent* AOwner = nullptr) : TComponent(AOwner) {}
-  int32_t Size = 0;
-};
-
 class TContainer : public TPersistent {
   VEL_CLASS(TContainer, TPersistent)
  public:
@@ -83,6 +76,7 @@ class TContainer : public TPersistent {
 }  // namespace sc
 
 using namespace sc;
+using stream_test::TPart;
 
 VEL_PUBLISHED(TPoint2, prop("X", &TPoint2::X), prop("Y", &TPoint2::Y).defaults(0),
               prop("Caption", &TPoint2::Caption))
@@ -97,7 +91,6 @@ VEL_PUBLISHED(TKinds, prop("Int", &TKinds::Int).defaults(0), prop("Ch", &TKinds:
               prop("name", &TKinds::Name), prop("TAG", &TKinds::Tag),
               method<&TKinds::Handler>("Handler"))
 VEL_PUBLISHED(TItem, prop("Value", &TItem::Value).defaults(0), prop("Text", &TItem::Text))
-VEL_PUBLISHED(TPart, prop("Size", &TPart::Size).defaults(0))
 VEL_PUBLISHED(TContainer, prop("Items", &TContainer::Items), prop("Parts", &TContainer::Parts),
               prop("Lines", &TContainer::Lines))
 
@@ -282,28 +275,17 @@ TEST(BinaryStreamer, EveryPropertyKindBytes) {
   W.end();
   EXPECT_EQ(Hex(Save(&K)), Hex(W.B));
 
+  // Read back, every value writes the same bytes again (the writer's bytes
+  // are pinned above); a comp reads back as 0, and "name" and "TAG" are
+  // never streamed.
   TKinds Back;
   Back.Cmp = Comp(int64_t(5));
   Load(&Back, W.B);
-  EXPECT_EQ(Back.Int, 300);
-  EXPECT_EQ(Back.Ch, 'z');
-  EXPECT_EQ(Back.WCh, u'\u20AC');
-  EXPECT_EQ(Back.Tone, toHigh);
-  EXPECT_TRUE(Back.Flag);
-  EXPECT_EQ(Back.Tones, (TSet<TTone>{toLow, toHigh}));
-  EXPECT_EQ(Back.Sng, 1.5f);
-  EXPECT_EQ(Back.Dbl, 0.25);
-  EXPECT_EQ(Back.Ext, 1.0L / 3.0L);
-  EXPECT_EQ(Back.Cur.Value, 123400);
-  EXPECT_EQ(Back.Cmp.Value, 0);  // comp reads back as 0
-  EXPECT_EQ(Back.When.Value, 37806.25);
-  EXPECT_EQ(Back.Short, "s");
-  EXPECT_EQ(Back.Long, "long");
-  EXPECT_EQ(Back.Wide, u"w\u00E9");
-  EXPECT_EQ(Back.Big, -2);
+  EXPECT_EQ(Back.Cmp.Value, 0);
+  Back.Cmp = K.Cmp;
+  EXPECT_EQ(Hex(Save(&Back)), Hex(W.B));
   EXPECT_EQ(VarType(Back.Var), varInteger);
-  EXPECT_EQ(Back.Var.AsInteger(), 1000);
-  EXPECT_EQ(Back.Point->Y, 1);
+  EXPECT_EQ(Back.Ext, 1.0L / 3.0L);
   EXPECT_EQ(Back.Name, "never");
   EXPECT_EQ(Back.Tag, 99);
 }
@@ -462,7 +444,17 @@ TEST(BinaryStreamer, RootCollectables) {
   P->Size = -1;
   Parts.Add(P);
   Bytes WP;
-  WP.str("TObjectList").begin().u8(3).i8(1).u8(4).str("TPart").begin().str("Size").i8(-1).end().end();
+  WP.str("TObjectList")
+      .begin()
+      .u8(3)
+      .i8(1)
+      .u8(4)
+      .str("TPart")
+      .begin()
+      .str("Size")
+      .i8(-1)
+      .end()
+      .end();
   EXPECT_EQ(Hex(Save(&Parts)), Hex(WP.B));
   TObjectList PartsBack;
   Load(&PartsBack, WP.B);
@@ -484,44 +476,56 @@ TEST(BinaryStreamer, RootCollectables) {
 }
 
 TEST(BinaryStreamer, ReaderErrorsFromBuiltStreams) {
-  TPoint2 P;
-  // Construction and empty streams.
-  EXPECT_EQ(ErrorOf([] { TBinaryStreamer B(nullptr); }), "EStreamPropError: Stream is not valid (nil)");
-  EXPECT_EQ(ErrorOf([&] { Load(&P, ""); }), "EStreamPropError: Cannot read from an empty stream");
-  // Only the signature.
-  EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").B); }),
-            "EStreamPropError: Stream property error, begin of list not found");
-  // An unknown property: the message names the entry after it (here the
-  // value's bytes read as a name: its control byte is escaped).
-  EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").begin().str("Z").i8(1).end().B); }),
-            "EStreamPropError: Unable to property info for #2");
-  // Size tags out of range.
-  EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").begin().str("X").u8(3).u8(0).end().B); }),
-            "EStreamPropError: Integer out of bounds (8, 16, 32 bit)");
-  EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").begin().u8(7).end().B); }),
-            "EStreamPropError: String out of bounds (sstring, LString)");
-  // Lists without count or end.
-  TContainer C;
-  EXPECT_EQ(ErrorOf([&] { Load(&C, Bytes().str("T").begin().str("Items").begin().end().end().B); }),
-            "EStreamPropError: Failed to read count for List TCollection");
-  EXPECT_EQ(ErrorOf([&] { Load(&C, Bytes().str("T").begin().str("Parts").begin().u8(1).end().B); }),
-            "EStreamPropError: Failed to read count for List TObjectList");
-  EXPECT_EQ(ErrorOf([&] { Load(&C, Bytes().str("T").begin().str("Lines").u8(9).end().B); }),
-            "EStreamPropError: Failed to read count for List TStringList");
-  EXPECT_EQ(ErrorOf([&] {
-              Load(&C, Bytes().str("T").begin().str("Items").begin().u8(3).i8(0).begin().end().B);
-            }),
-            "EStreamPropError: Stream property error, end of list not found");
-  // An object list item without its class name.
-  EXPECT_EQ(ErrorOf([&] {
-              Load(&C, Bytes().str("T").begin().str("Parts").begin().u8(3).i8(1).str("TPart").B);
-            }),
-            "EStreamPropError: Read Error - Expecting Class name - not found");
-  // An object list item of an unregistered class: the runtime's error.
-  EXPECT_EQ(ErrorOf([&] {
-              Load(&C, Bytes().str("T").begin().str("Parts").begin().u8(3).i8(1).u8(4).str("TNope").B);
-            }),
-            "EClassNotFound: Class TNope not found");
+  EXPECT_EQ(ErrorOf([] { TBinaryStreamer B(nullptr); }),
+            "EStreamPropError: Stream is not valid (nil)");
+  auto P = [] { return Bytes().str("TPoint2").begin(); };
+  auto C = [] { return Bytes().str("T").begin(); };
+  const struct {
+    bool Container;  // read into a TContainer, else into a TPoint2
+    std::string Data;
+    std::string Expected;
+  } Cases[] = {
+      {false, "", "EStreamPropError: Cannot read from an empty stream"},
+      {false, Bytes().str("TPoint2").B,
+       "EStreamPropError: Stream property error, begin of list not found"},
+      // An unknown property: the message names the entry after it (here the
+      // value's bytes read as a name: its control byte is escaped).
+      {false, P().str("Z").i8(1).end().B, "EStreamPropError: Unable to property info for #2"},
+      // Size tags out of range.
+      {false, P().str("X").u8(3).u8(0).end().B,
+       "EStreamPropError: Integer out of bounds (8, 16, 32 bit)"},
+      {false, P().u8(7).end().B, "EStreamPropError: String out of bounds (sstring, LString)"},
+      // Truncated in the middle of a value: the missing bytes read as zeros
+      // and the walk fails on the next name it looks for.
+      {false, P().str("X").u8(2).u8(1).B, "EStreamPropError: Unable to property info for "},
+      // A 4-byte length of 2 GiB in a 20-byte stream, and a negative one.
+      {false, P().str("Caption").u8(1).u8(0).u8(0).u8(0).u8(0x7F).B,
+       "EReadError: Stream read error"},
+      {false, P().str("Caption").u8(1).u8(0xFF).u8(0xFF).u8(0xFF).u8(0xFF).B,
+       "EReadError: Stream read error"},
+      // Lists without count or end.
+      {true, C().str("Items").begin().end().end().B,
+       "EStreamPropError: Failed to read count for List TCollection"},
+      {true, C().str("Parts").begin().u8(1).end().B,
+       "EStreamPropError: Failed to read count for List TObjectList"},
+      {true, C().str("Lines").u8(9).end().B,
+       "EStreamPropError: Failed to read count for List TStringList"},
+      {true, C().str("Items").begin().u8(3).i8(0).begin().end().B,
+       "EStreamPropError: Stream property error, end of list not found"},
+      // An object list item without its class name, and of an unregistered
+      // class (the runtime's error).
+      {true, C().str("Parts").begin().u8(3).i8(1).str("TPart").B,
+       "EStreamPropError: Read Error - Expecting Class name - not found"},
+      {true, C().str("Parts").begin().u8(3).i8(1).u8(4).str("TNope").B,
+       "EClassNotFound: Class TNope not found"},
+  };
+  for (const auto& Case : Cases) {
+    TPoint2 Pt;
+    TContainer Co;
+    EXPECT_EQ(ErrorOf([&] { Load(Case.Container ? static_cast<TObject*>(&Co) : &Pt, Case.Data); }),
+              Case.Expected)
+        << Hex(Case.Data);
+  }
   // CreateFromStream of an unregistered or non-persistent class.
   for (const char* Name : {"TUnregistered", "TObject"}) {
     TMemoryStream S;
@@ -531,10 +535,6 @@ TEST(BinaryStreamer, ReaderErrorsFromBuiltStreams) {
     EXPECT_EQ(ErrorOf([&] { delete TBinaryStreamer(&S).CreateFromStream(); }),
               "EStreamPropError: Stream Read Error!  Unable to create root object from stream");
   }
-  // Truncated in the middle of a value: the missing bytes read as zeros and
-  // the walk fails on the next name it looks for.
-  EXPECT_EQ(ErrorOf([&] { Load(&P, Bytes().str("TPoint2").begin().str("X").u8(2).u8(1).B); }),
-            "EStreamPropError: Unable to property info for ");
 }
 
 TEST(BinaryStreamer, HugeCountsEndWithTheStream) {
@@ -552,17 +552,6 @@ TEST(BinaryStreamer, HugeCountsEndWithTheStream) {
   EXPECT_EQ(ErrorOf([&] { Load(&C, Items.B); }),
             "EStreamPropError: Stream property error, end of list not found");
   EXPECT_EQ(C.Items->Count(), 1);
-}
-
-TEST(BinaryStreamer, HugeLengthFailsBeforeAllocating) {
-  // A 4-byte length of 2 GiB in a 20-byte stream.
-  Bytes W;
-  W.str("TPoint2").begin().str("Caption").u8(1).u8(0).u8(0).u8(0).u8(0x80 - 1);
-  TPoint2 P;
-  EXPECT_EQ(ErrorOf([&] { Load(&P, W.B); }), "EReadError: Stream read error");
-  Bytes Neg;
-  Neg.str("TPoint2").begin().str("Caption").u8(1).u8(0xFF).u8(0xFF).u8(0xFF).u8(0xFF);
-  EXPECT_EQ(ErrorOf([&] { Load(&P, Neg.B); }), "EReadError: Stream read error");
 }
 
 TEST(BinaryStreamer, LoadAcceptsOtherSignatureAndCreateFromStreamMakesTheRoot) {

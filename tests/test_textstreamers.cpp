@@ -6,6 +6,7 @@
 #include <cmath>
 #include <locale>
 
+#include "StreamTestClasses.h"
 #include "vel/StreamClasses.h"
 #include "vel/rtl/Graphics.h"
 #include "vel/rtl/SysUtils.h"
@@ -61,13 +62,6 @@ class TValues : public TPersistent {
   Variant Var;
 };
 
-class TPart : public TComponent {
-  VEL_CLASS(TPart, TComponent)
- public:
-  explicit TPart(TComponent* AOwner = nullptr) : TComponent(AOwner) {}
-  int32_t Size = 0;
-};
-
 class TNote : public TPersistent {
   VEL_CLASS(TNote, TPersistent)
  public:
@@ -119,6 +113,7 @@ class TDoubleQuotes : public TTextStreamer {
 }  // namespace txt
 
 using namespace txt;
+using stream_test::TPart;
 
 VEL_PUBLISHED(TColumn, prop("Width", &TColumn::Width).defaults(0))
 VEL_IMPLEMENT(TColumns)
@@ -132,7 +127,6 @@ VEL_PUBLISHED(TValues, prop("Count", &TValues::Count).defaults(0),
               prop("Dbl", &TValues::Dbl), prop("Ext", &TValues::Ext), prop("Cur", &TValues::Cur),
               prop("Cmp", &TValues::Cmp), prop("When", &TValues::When),
               prop("Text", &TValues::Text), prop("Big", &TValues::Big), prop("Var", &TValues::Var))
-VEL_PUBLISHED(TPart, prop("Size", &TPart::Size).defaults(0))
 VEL_PUBLISHED(TNote, prop("Memo", &TNote::Memo))
 VEL_PUBLISHED(TLists, prop("Parts", &TLists::Parts), prop("Lines", &TLists::Lines))
 VEL_PUBLISHED(TFaulty, prop("Alpha", &TFaulty::Alpha), prop("Boom", &TFaulty::GetBoom))
