@@ -15,6 +15,7 @@
 #include "vel/ExtendedInterfaces.h"
 #include "vel/VelUtils.h"
 #include "vel/rtl/Components.h"
+#include "vel/rtl/Registry.h"
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
@@ -68,9 +69,14 @@ TEST(EventLog, EveryCallReachesWriteTextOnlyForEnabledCategories) {
       {"plain", [&] { Log.WriteLog(u"hello"); }, {"text hello 0 nl"}},
       {"category 5 off", [&] { Log.WriteLog(u"hidden", 5); }, {}},
       {"ansi text", [&] { Log.WriteLog(u"caf\u00e9 \u20ac", 0); }, {"text caf\xE9 \x80 0 nl"}},
-      {"format", [&] { Log.WriteLogFmt(u"%s=%d", {"n", 7}, 0); }, {"text n=7 0 nl"}},
+      {"format",
+       [&] {
+         Log.WriteLogFmt(u"%s=%d", {"n", 7}, 0);
+       },
+       {"text n=7 0 nl"}},
       {"format category off", [&] { Log.WriteLogFmt(u"%d", {1}, 2); }, {}},
-      {"stream from start", [&] {
+      {"stream from start",
+       [&] {
          Bytes.SetPosition(5);
          Log.WriteLogStream(Stream, 0);
        },
@@ -113,10 +119,9 @@ TEST(EventLog, WriteLogValuesRouting) {
                       static_cast<long long>(1) << 40, u'\u0416'},
                      1);
   EXPECT_EQ(Log.Calls, (std::vector<std::string>{"begin 1", "nv MsgText=trade 1", "nv int=-12 1",
-                                                 "nv bool=True 1", "nv char=x 1",
-                                                 "nv float=2.5 1", "nv cur=12.3456 1",
-                                                 "nv str=abc 1", "nv ptr= 1", "nv i64= 1",
-                                                 "nv wchar= 1", "end 1"}));
+                                                 "nv bool=True 1", "nv char=x 1", "nv float=2.5 1",
+                                                 "nv cur=12.3456 1", "nv str=abc 1", "nv ptr= 1",
+                                                 "nv i64= 1", "nv wchar= 1", "end 1"}));
 }
 
 TEST(EventLog, VarRecToStrFalseAndFloats) {
@@ -166,8 +171,7 @@ class TCountedOptions : public TILogOptions {
 
 class TOptionsLog : public TISystemLog {
  public:
-  explicit TOptionsLog(std::vector<std::string>* Calls)
-      : TISystemLog(DeferInit), FCalls(Calls) {
+  explicit TOptionsLog(std::vector<std::string>* Calls) : TISystemLog(DeferInit), FCalls(Calls) {
     InitLog();
   }
   ~TOptionsLog() override { DoneLog(); }
@@ -277,8 +281,10 @@ class LogFiles : public ::testing::Test {
     std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
     ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
     Dir = Tmpl;
+    ::setenv("VEL_REGISTRY_DIR", (Dir + "/hives").c_str(), 1);
   }
   void TearDown() override {
+    ::unsetenv("VEL_REGISTRY_DIR");
     std::error_code Ec;
     std::filesystem::remove_all(Dir, Ec);
   }
@@ -322,9 +328,9 @@ TEST_F(LogFiles, LinesBlocksCategoriesAndNotifiers) {
   }
   EXPECT_EQ(Got, (std::vector<std::string>{"0|caf\xC3\xA9", "7|seven", "7|begin",
                                            "7|  MsgText = deal", "7|  qty = 3", "7|end"}));
-  EXPECT_EQ(Rec.Got, (std::vector<std::string>{"caf\xE9/0", "seven/7", "begin/7",
-                                               "  MsgText = deal/7", "  qty = 3/7", "end/7",
-                                               "after stop/0"}));
+  EXPECT_EQ(Rec.Got,
+            (std::vector<std::string>{"caf\xE9/0", "seven/7", "begin/7", "  MsgText = deal/7",
+                                      "  qty = 3/7", "end/7", "after stop/0"}));
 }
 
 TEST_F(LogFiles, UnwritableFileRaisesOnStart) {
@@ -384,9 +390,11 @@ TEST_F(LogFiles, SysLogDatagrams) {
   Log.WriteLogValues(u"m", {"k"}, {true}, 3);
 
   const std::string Pid = std::to_string(getpid());
-  const std::vector<std::pair<std::string, std::string>> Expected = {
-      {"14", "ready \xC3\xA9"}, {"15", "begin"}, {"15", "  MsgText = m"},
-      {"15", "  k = True"},     {"15", "end"}};
+  const std::vector<std::pair<std::string, std::string>> Expected = {{"14", "ready \xC3\xA9"},
+                                                                     {"15", "begin"},
+                                                                     {"15", "  MsgText = m"},
+                                                                     {"15", "  k = True"},
+                                                                     {"15", "end"}};
   const std::regex Re(R"(^<(\d+)>[A-Z][a-z]{2} [ 1-3]\d \d\d:\d\d:\d\d velapp\[(\d+)\]: (.*)$)");
   for (const auto& [Pri, Text] : Expected) {
     char Buf[512];
@@ -403,4 +411,67 @@ TEST_F(LogFiles, SysLogDatagrams) {
   // No service listening: messages are dropped without error.
   TSysLogSystemLog Lost("velapp", nullptr, true, Dir + "/nobody.sock");
   EXPECT_NO_THROW(Lost.WriteLog(u"dropped"));
+}
+
+TEST_F(LogFiles, CategoriesComeFromTheRegistryKey) {
+  const std::string Key = "Software\\Velmont\\Corvane\\Log";
+  struct Row {
+    const char* Name;
+    std::function<void(TRegistry&)> Write;
+    std::vector<int32_t> On, Off;
+  } Rows[] = {
+      {"no key", nullptr, {0}, {1, -1}},
+      {"list",
+       [](TRegistry& R) { R.WriteString("Categories", "1, 5;12\t-3  $10"); },
+       {0, 1, 5, 12, -3, 16},
+       {2, 3, 6}},
+      {"damaged entries skipped",
+       [](TRegistry& R) { R.WriteExpandString("categories", ",x,7,,99999999999,8a"); },
+       {7},
+       {8, 99}},
+      {"all", [](TRegistry& R) { R.WriteInteger("AllCategories", 1); }, {3, -40, 1 << 30}, {}},
+      {"wrong types skipped",
+       [](TRegistry& R) {
+         R.WriteInteger("Categories", 5);
+         R.WriteString("AllCategories", "1");
+       },
+       {0},
+       {5, 1}},
+  };
+  for (const Row& Case : Rows) {
+    SCOPED_TRACE(Case.Name);
+    {
+      TRegistry Reg;
+      Reg.DeleteKey("\\" + Key);
+      if (Case.Write) {
+        ASSERT_TRUE(Reg.OpenKey(Key, true));
+        Case.Write(Reg);
+      }
+    }
+    IPtr<TLogCategoryOptions> Opts(new TLogCategoryOptions(Key));
+    Opts->Enable(-1);  // replaced by what the registry holds
+    TFileSystemLog Log(Dir + "/cat.log", Opts, false);
+    for (int32_t C : Case.On) EXPECT_TRUE(Opts->Enabled(C)) << C;
+    for (int32_t C : Case.Off) EXPECT_FALSE(Opts->Enabled(C)) << C;
+  }
+
+  // A given registry is read in its own root and keeps its access; the
+  // log writes what the options enable.
+  TRegistry Machine;
+  Machine.SetRootKey(HKEY_LOCAL_MACHINE);
+  ASSERT_TRUE(Machine.OpenKey(Key, true));
+  Machine.WriteString("Categories", "9");
+  IPtr<TLogCategoryOptions> Opts(new TLogCategoryOptions("\\" + Key, HKEY_LOCAL_MACHINE));
+  TFileSystemLog Log(Dir + "/machine.log", Opts);
+  Log.WriteLog(u"nine", 9);
+  Log.WriteLog(u"ten", 10);
+  Machine.WriteString("Categories", "10");
+  Opts->LoadFromRegistry(&Machine);
+  EXPECT_FALSE(Machine.HasCurrentKey());
+  EXPECT_EQ(Machine.Access(), KEY_ALL_ACCESS);
+  Log.WriteLog(u"nine", 9);
+  Log.WriteLog(u"ten", 10);
+  std::vector<std::string> Got;
+  for (const std::string& L : Lines(Dir + "/machine.log")) Got.push_back(L.substr(24));
+  EXPECT_EQ(Got, (std::vector<std::string>{"[9] nine", "[10] ten"}));
 }
