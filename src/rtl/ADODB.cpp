@@ -6,6 +6,9 @@
 #undef SOCI_HAVE_BOOST
 #undef SOCI_HAVE_BOOST_DATE_TIME
 #include <soci/soci.h>
+// The SQLite backend's session (its connection handle is replaced below);
+// this header reads <sqlite3.h> into the namespace sqlite_api.
+#include <soci/sqlite3/soci-sqlite3.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -111,6 +114,27 @@ std::u16string TextToWide(const std::string& S) {
   return W;
 }
 
+// SOCI opens SQLite files in SQLite's serialized mode, where every call
+// (several per column of every row) takes the connection's mutex. A
+// connection here belongs to one thread at a time, so the backend's handle
+// is swapped for one on the same file opened without the mutex: fetching
+// rows then costs no lock operations.
+void UseSingleThreadedHandle(soci::session& Session, const std::string& File) {
+  namespace sq = ::sqlite_api;
+  // The session was just opened with the SQLite factory.
+  auto* Backend = static_cast<soci::sqlite3_session_backend*>(Session.get_backend());
+  sq::sqlite3* Db = nullptr;
+  const int Rc = sq::sqlite3_open_v2(
+      File.c_str(), &Db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (Rc != SQLITE_OK) {
+    std::string Msg = Db ? sq::sqlite3_errmsg(Db) : sq::sqlite3_errstr(Rc);
+    sq::sqlite3_close(Db);
+    throw EADOError(Msg);
+  }
+  sq::sqlite3_close(Backend->conn_);
+  Backend->conn_ = Db;
+}
+
 bool IsPostgresUri(const std::string& S) {
   std::string L = Lower(S.substr(0, 13));
   return L.rfind("postgresql://", 0) == 0 || L.rfind("postgres://", 0) == 0;
@@ -149,7 +173,7 @@ TADOConnectTarget ParseConnectionString(const std::string& ConnectionString) {
     T.Backend = dbPostgreSQL;
     for (auto& [K, V] : Pairs) {
       std::string L = Lower(K);
-      std::string Key = L == "provider"                           ? std::string()
+      std::string Key = L == "provider"                             ? std::string()
                         : L == "host" || L == "server"              ? "host"
                         : L == "database" || L == "initial catalog" ? "dbname"
                         : L == "user id" || L == "uid"              ? "user"
@@ -200,6 +224,7 @@ void TADOConnection::Open(const std::string& UserID, const std::string& Password
           throw EADOError("A database file name must not contain '='");
         // Without '=' the whole string is the file name.
         Impl->Session.open(*soci::factory_sqlite3(), T.Params);
+        UseSingleThreadedHandle(Impl->Session, T.Params);
         // Several threads or processes on one file wait for each other's
         // writes instead of failing at once.
         Impl->Session << "PRAGMA busy_timeout = 30000";
@@ -380,8 +405,9 @@ Variant TADODataSet::Fields(int32_t Index) const {
       return Variant(R.get<double>(I));
     case soci::dt_date: {
       std::tm T = R.get<std::tm>(I);
-      TDateTime D = EncodeDate(static_cast<uint16_t>(T.tm_year + 1900),
-                               static_cast<uint16_t>(T.tm_mon + 1), static_cast<uint16_t>(T.tm_mday));
+      TDateTime D =
+          EncodeDate(static_cast<uint16_t>(T.tm_year + 1900), static_cast<uint16_t>(T.tm_mon + 1),
+                     static_cast<uint16_t>(T.tm_mday));
       D.Value += (T.tm_hour * 3600.0 + T.tm_min * 60.0 + T.tm_sec) / 86400.0;
       return Variant(D);
     }
