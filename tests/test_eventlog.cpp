@@ -242,6 +242,12 @@ TEST_F(LogFiles, LinesBlocksCategoriesAndNotifiers) {
             (std::vector<std::string>{"caf\xE9/0", "seven/7", "begin/7", "  MsgText = deal/7",
                                       "  qty = 3/7", "end/7", "after stop/0"}));
 
+  // Options of another class enable category 0 only.
+  TFileSystemLog Plain(Dir.Path("plain.log"), IPtr<ILogOptions>(new TILogOptions));
+  Plain.WriteLog(u"five", 5);
+  Plain.WriteLog(u"zero");
+  EXPECT_EQ(Lines(Dir.Path("plain.log")), std::vector<std::string>{"0|zero"});
+
   EXPECT_THROW(TFileSystemLog(Dir.Path(""), nullptr, true), EFCreateError);
   TFileSystemLog Later(Dir.Path("x.log"), nullptr, false);
   EXPECT_FALSE(Later.GetRunning());

@@ -297,6 +297,8 @@ struct TADODataSet::TImpl {
   // columns only with a row).
   std::vector<std::string> Names;
   std::vector<std::string> LowerNames;
+  // Each column's type, read once rather than per field of every row.
+  std::vector<soci::data_type> Types;
 };
 
 TADODataSet::TADODataSet(TComponent* AOwner) : TComponent(AOwner) {}
@@ -317,6 +319,7 @@ void TADODataSet::Execute() {
       for (size_t I = 0; I < R.size(); ++I) {
         Impl->Names.push_back(R.get_properties(I).get_name());
         Impl->LowerNames.push_back(Lower(Impl->Names.back()));
+        Impl->Types.push_back(R.get_properties(I).get_data_type());
       }
     }
   } catch (const soci::soci_error& E) {
@@ -384,9 +387,17 @@ std::string TADODataSet::FieldName(int32_t Index) const {
 
 Variant TADODataSet::FieldByName(const std::string& Name) const {
   CheckActive();
-  std::string L = Lower(Name);
+  // Compared in place: a lookup per field of every row allocates nothing.
+  auto Same = [&Name](const std::string& LowerName) {
+    if (LowerName.size() != Name.size()) return false;
+    for (size_t I = 0; I < Name.size(); ++I)
+      if (std::tolower(static_cast<unsigned char>(Name[I])) !=
+          static_cast<unsigned char>(LowerName[I]))
+        return false;
+    return true;
+  };
   for (size_t I = 0; I < FImpl->LowerNames.size(); ++I)
-    if (FImpl->LowerNames[I] == L) return Fields(static_cast<int32_t>(I));
+    if (Same(FImpl->LowerNames[I])) return Fields(static_cast<int32_t>(I));
   throw EDatabaseError(Format(SFieldNotFound, {Name}));
 }
 
@@ -398,7 +409,7 @@ Variant TADODataSet::Fields(int32_t Index) const {
   const soci::row& R = *FImpl->It;
   const size_t I = static_cast<size_t>(Index);
   if (R.get_indicator(I) == soci::i_null) return Variant::Null();
-  switch (R.get_properties(I).get_data_type()) {
+  switch (FImpl->Types[I]) {
     case soci::dt_integer:
       return Variant(static_cast<int32_t>(R.get<int>(I)));
     case soci::dt_long_long:
