@@ -101,7 +101,7 @@ static_assert(IIDOf<IInterface>.D1 == 0 && IIDOf<IInterface>.D4[0] == 0xC0 &&
                   IIDOf<IInterface>.D4[7] == 0x46,
               "identifiers are parsed at compile time");
 
-TEST(Com, GuidTextRoundTripsAndFieldsAreLaidOut) {
+TEST(Com, GuidTextFieldsMalformedTextAndCreatedGuids) {
   TGUID G = StringToGUID("{01234567-89ab-CDEF-0123-456789AbCdEf}");
   EXPECT_EQ(G.D1, 0x01234567u);
   EXPECT_EQ(G.D2, 0x89ABu);
@@ -111,9 +111,8 @@ TEST(Com, GuidTextRoundTripsAndFieldsAreLaidOut) {
   EXPECT_EQ(GUIDToString(G), "{01234567-89AB-CDEF-0123-456789ABCDEF}");
   EXPECT_EQ(StringToGUID(GUIDToString(G)), G);
   EXPECT_EQ(GUIDToString(GUID_NULL), "{00000000-0000-0000-0000-000000000000}");
-}
 
-TEST(Com, MalformedGuidTextIsRejectedWithItsText) {
+  // Malformed text is rejected with the text in the message.
   const char* Bad[] = {
       "",
       "01234567-89AB-CDEF-0123-456789ABCDEF",     // no braces
@@ -131,9 +130,8 @@ TEST(Com, MalformedGuidTextIsRejectedWithItsText) {
       EXPECT_EQ(E.Message(), std::string("'") + S + "' is not a valid GUID value");
     }
   }
-}
 
-TEST(Com, CreatedGuidsAreVersion4AndDistinct) {
+  // Created identifiers are random (version 4) and distinct.
   std::set<std::string> Seen;
   for (int I = 0; I < 200; ++I) {
     TGUID G = CreateGUID();
@@ -232,24 +230,6 @@ TEST(Com, ReferenceCountIsExactUnderConcurrentUse) {
   EXPECT_EQ(Live, 1);
   Root = nullptr;
   EXPECT_EQ(Live, 0);
-}
-
-TEST(Com, OleCheckRaisesWithTheSystemText) {
-  EXPECT_EQ(OleCheck(S_FALSE), S_FALSE);
-  try {
-    OleCheck(E_NOINTERFACE);
-    FAIL();
-  } catch (const EOleSysError& E) {
-    EXPECT_EQ(E.Message(), "No such interface supported");
-    EXPECT_EQ(E.ErrorCode(), E_NOINTERFACE);
-  }
-  try {
-    OleCheck(STG_E_REVERTED);
-    FAIL();
-  } catch (const EOleSysError& E) {
-    EXPECT_EQ(E.Message(), "OLE error 80030102");
-  }
-  EXPECT_EQ(EOleSysError("own text", E_FAIL).Message(), "own text");
 }
 
 TEST(Com, InterfaceListHoldsCountedReferences) {
@@ -386,7 +366,7 @@ TEST(Com, StreamAdapterExposesATStream) {
   EXPECT_TRUE(Freed);
 }
 
-TEST(Com, OleStreamReadsAndWritesThroughAnIStream) {
+TEST(Com, OleStreamAndOleCheckRaiseWithTheSystemText) {
   auto* Mem = new TMemoryStream;
   IPtr<IStream> Stm(new TStreamAdapter(Mem, soOwned));
   TOleStream Ole(Stm);
@@ -408,6 +388,23 @@ TEST(Com, OleStreamReadsAndWritesThroughAnIStream) {
     EXPECT_EQ(E.ErrorCode(), E_FAIL);
   }
   EXPECT_THROW(Failing.Seek(0, soBeginning), EOleSysError);
+
+  // OleCheck raises with the system's text, or the code for unknown ones.
+  EXPECT_EQ(OleCheck(S_FALSE), S_FALSE);
+  try {
+    OleCheck(E_NOINTERFACE);
+    FAIL();
+  } catch (const EOleSysError& E) {
+    EXPECT_EQ(E.Message(), "No such interface supported");
+    EXPECT_EQ(E.ErrorCode(), E_NOINTERFACE);
+  }
+  try {
+    OleCheck(STG_E_REVERTED);
+    FAIL();
+  } catch (const EOleSysError& E) {
+    EXPECT_EQ(E.Message(), "OLE error 80030102");
+  }
+  EXPECT_EQ(EOleSysError("own text", E_FAIL).Message(), "own text");
 }
 
 TEST(Com, ApartmentsArePerThreadWithTheSystemCodes) {

@@ -7,27 +7,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 
+#include "ThreadTestUtil.h"
 #include "vel/OleUtils.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
+using threadtest::WaitServing;
 
 namespace {
-
-bool WaitServing(const std::function<bool()>& Done, int Seconds = 60) {
-  auto End = std::chrono::steady_clock::now() + std::chrono::seconds(Seconds);
-  while (!Done()) {
-    if (std::chrono::steady_clock::now() > End) return false;
-    CheckSynchronize(5);
-  }
-  return true;
-}
 
 struct TResult {
   std::mutex Lock;
@@ -43,7 +35,8 @@ std::string RowText(TADODataSet* DS) {
   for (int32_t I = 0; I < DS->FieldCount(); ++I) {
     Variant V = DS->Fields(I);
     if (I) R += "|";
-    R += std::to_string(V.VType()) + ":" + (V.VType() == varNull ? "" : WideToUtf8(V.AsWideString()));
+    R += std::to_string(V.VType()) + ":" +
+         (V.VType() == varNull ? "" : WideToUtf8(V.AsWideString()));
   }
   return R;
 }
@@ -75,6 +68,27 @@ class TRowsThread : public TAdoSTAThread {
  private:
   TResult* FR;
 };
+
+// One command in its own TAdoSTAThread: whether it opened, and the rows it
+// handed to the result-set method (none: the method was not called).
+struct TThreadCase {
+  std::string Conn, Cmd;
+  bool Opened;
+  std::vector<std::string> Rows;
+  std::string User = "", Pw = "";
+};
+
+void RunThreads(const std::vector<TThreadCase>& Cases) {
+  for (const TThreadCase& C : Cases) {
+    SCOPED_TRACE(C.Conn + " / " + C.Cmd + " / " + C.User + ":" + C.Pw);
+    TResult R;
+    new TRowsThread(&R, C.Conn, C.Cmd, C.User, C.Pw);
+    ASSERT_TRUE(WaitServing([&] { return R.Done.load(); }));
+    EXPECT_EQ(R.Opened, C.Opened);
+    EXPECT_EQ(R.Called, !C.Rows.empty());
+    EXPECT_EQ(R.Rows, C.Rows);
+  }
+}
 
 std::string TempDir(const char* Stem) {
   std::string Tmpl = std::string("/tmp/") + Stem + "_XXXXXX";
@@ -148,9 +162,9 @@ TEST_F(SQLiteDb, DataSetCursorFieldsAndTypes) {
   EXPECT_EQ(DS.FieldName(1), "client");
   std::vector<std::string> Rows;
   for (; !DS.Eof(); DS.Next()) Rows.push_back(RowText(&DS));
-  EXPECT_EQ(Rows, (std::vector<std::string>{"20:1|8:Dupont|5:12.5|1:",
-                                            "20:2|8:Caf\xC3\xA9 & Co|5:-3.25|8:x",
-                                            "20:5000000000|8:Big|5:0|8:"}));
+  EXPECT_EQ(Rows, (std::vector<std::string>{
+                      "20:1|8:Dupont|5:12.5|1:", "20:2|8:Caf\xC3\xA9 & Co|5:-3.25|8:x",
+                      "20:5000000000|8:Big|5:0|8:"}));
   DS.First();
   EXPECT_EQ(DS.RecNo(), 0);
   EXPECT_EQ(DS.FieldByName("CLIENT").AsWideString(), u"Dupont");
@@ -162,47 +176,23 @@ TEST_F(SQLiteDb, DataSetCursorFieldsAndTypes) {
   EXPECT_THROW(DS.Open(), EADOError);
 }
 
-TEST_F(SQLiteDb, ThreadHandsTheRowsToItsDescendant) {
-  TResult R;
-  new TRowsThread(&R, "Provider=SQLite;Data Source=" + File,
-                  "SELECT client, amount FROM deals WHERE id < 3 ORDER BY id");
-  ASSERT_TRUE(WaitServing([&] { return R.Done.load(); }));
-  EXPECT_TRUE(R.Opened);
-  EXPECT_TRUE(R.Called);
-  EXPECT_EQ(R.Rows, (std::vector<std::string>{"8:Dupont|5:12.5", "8:Caf\xC3\xA9 & Co|5:-3.25"}));
-}
-
-TEST_F(SQLiteDb, NoRowsEndsWithoutCallingTheResultSetMethod) {
-  for (const char* Cmd : {"SELECT * FROM deals WHERE id < 0", "UPDATE deals SET note = 'y'"}) {
-    TResult R;
-    new TRowsThread(&R, File, Cmd);
-    ASSERT_TRUE(WaitServing([&] { return R.Done.load(); })) << Cmd;
-    EXPECT_TRUE(R.Opened) << Cmd;
-    EXPECT_FALSE(R.Called) << Cmd;
-  }
-  // The update did run.
-  TADOConnection C;
-  C.ConnectionString = File;
-  C.Open();
-  TADODataSet DS;
-  DS.Connection = &C;
-  DS.CommandText = "SELECT COUNT(*) FROM deals WHERE note = 'y'";
-  DS.Open();
-  EXPECT_EQ(DS.Fields(0).AsString(), "3");
-}
-
-TEST_F(SQLiteDb, FailedOpenEndsTheThreadQuietly) {
-  for (const std::string& Conn :
-       {Dir + "/missing.db", "Data Source=" + Dir + "/no/such/dir.db;Create=True",
-        std::string("Provider=PostgreSQL;Host=") + Dir + ";Port=1;connect_timeout=2",
-        std::string("Provider=PostgreSQL;Host=unknown-host.invalid;connect_timeout=2"),
-        std::string("DSN=VelNoSuchDataSource")}) {
-    TResult R;
-    new TRowsThread(&R, Conn, "SELECT 1");
-    ASSERT_TRUE(WaitServing([&] { return R.Done.load(); })) << Conn;
-    EXPECT_FALSE(R.Opened) << Conn;
-    EXPECT_FALSE(R.Called) << Conn;
-  }
+TEST_F(SQLiteDb, ThreadHandsRowsToItsDescendantOnlyWhenThereAreSome) {
+  RunThreads({
+      {"Provider=SQLite;Data Source=" + File,
+       "SELECT client, amount FROM deals WHERE id < 3 ORDER BY id",
+       true,
+       {"8:Dupont|5:12.5", "8:Caf\xC3\xA9 & Co|5:-3.25"}},
+      // No rows: the result-set method is not called (the update runs).
+      {File, "SELECT * FROM deals WHERE id < 0", true, {}},
+      {File, "UPDATE deals SET note = 'y'", true, {}},
+      {File, "SELECT COUNT(*) FROM deals WHERE note = 'y'", true, {"8:3"}},
+      // A failed open ends the thread quietly.
+      {Dir + "/missing.db", "SELECT 1", false, {}},
+      {"Data Source=" + Dir + "/no/such/dir.db;Create=True", "SELECT 1", false, {}},
+      {"Provider=PostgreSQL;Host=" + Dir + ";Port=1;connect_timeout=2", "SELECT 1", false, {}},
+      {"Provider=PostgreSQL;Host=unknown-host.invalid;connect_timeout=2", "SELECT 1", false, {}},
+      {"DSN=VelNoSuchDataSource", "SELECT 1", false, {}},
+  });
   EXPECT_FALSE(std::filesystem::exists(Dir + "/missing.db"));
 }
 
@@ -266,14 +256,15 @@ class PostgreSQL : public ::testing::Test {
     std::ofstream(Dir + "/pw") << "s3cret\n";
     ::chmod((Dir + "/pw").c_str(), 0644);
     std::string Q = "'" + Dir + "'";
-    if (RunShell(As + PgBin + "/initdb -D " + Q + "/data -U vel --auth=scram-sha-256 --pwfile=" + Q +
-            "/pw -E UTF8 --no-locale > " + Q + "/initdb.log 2>&1") != 0) {
+    if (RunShell(As + PgBin + "/initdb -D " + Q + "/data -U vel --auth=scram-sha-256 --pwfile=" +
+                 Q + "/pw -E UTF8 --no-locale > " + Q + "/initdb.log 2>&1") != 0) {
       Skip = "initdb failed";
       return;
     }
     // Unix socket in the cluster's folder only; no TCP.
-    if (RunShell(As + PgBin + "/pg_ctl -D " + Q + "/data -l " + Q + "/server.log -w -t 60 -o \"-k " +
-            Dir + " -c listen_addresses=''\" start > /dev/null 2>&1") != 0) {
+    if (RunShell(As + PgBin + "/pg_ctl -D " + Q + "/data -l " + Q +
+                 "/server.log -w -t 60 -o \"-k " + Dir +
+                 " -c listen_addresses=''\" start > /dev/null 2>&1") != 0) {
       Skip = "pg_ctl start failed";
       return;
     }
@@ -301,39 +292,31 @@ TEST_F(PostgreSQL, RowsThroughTheThreadAndFailedLogins) {
     TADOConnection C;
     C.ConnectionString = Conn();
     C.Open("vel", "s3cret");
-    C.Execute("CREATE TABLE deals (id integer, client text, amount double precision, "
-              "big bigint, note text)");
-    C.Execute("INSERT INTO deals VALUES (1, 'Dupont', 12.5, 5000000000, NULL), "
-              "(2, 'Caf\xC3\xA9', -3.25, 7, 'x')");
+    C.Execute(
+        "CREATE TABLE deals (id integer, client text, amount double precision, "
+        "big bigint, note text)");
+    C.Execute(
+        "INSERT INTO deals VALUES (1, 'Dupont', 12.5, 5000000000, NULL), "
+        "(2, 'Caf\xC3\xA9', -3.25, 7, 'x')");
   }
-  TResult R;
-  new TRowsThread(&R, Conn(), "SELECT id, client, amount, big, note FROM deals ORDER BY id", "vel",
-                  "s3cret");
-  ASSERT_TRUE(WaitServing([&] { return R.Done.load(); }));
-  EXPECT_TRUE(R.Called);
-  EXPECT_EQ(R.Rows, (std::vector<std::string>{"3:1|8:Dupont|5:12.5|20:5000000000|1:",
-                                              "3:2|8:Caf\xC3\xA9|5:-3.25|20:7|8:x"}));
-
-  // The URI form, credentials added by Open.
-  TResult U;
-  new TRowsThread(&U, "postgresql:///postgres?host=" + Dir, "SELECT count(*) FROM deals", "vel",
-                  "s3cret");
-  ASSERT_TRUE(WaitServing([&] { return U.Done.load(); }));
-  EXPECT_EQ(U.Rows, std::vector<std::string>{"20:2"});
-
-  // No rows: the result-set method is not called.
-  TResult Empty;
-  new TRowsThread(&Empty, Conn(), "SELECT * FROM deals WHERE id > 10", "vel", "s3cret");
-  ASSERT_TRUE(WaitServing([&] { return Empty.Done.load(); }));
-  EXPECT_TRUE(Empty.Opened);
-  EXPECT_FALSE(Empty.Called);
-
-  for (const auto& [User, Pw] : std::vector<std::pair<std::string, std::string>>{
-           {"vel", "wrong"}, {"nobody", "s3cret"}, {"vel", ""}}) {
-    TResult F;
-    new TRowsThread(&F, Conn(), "SELECT 1", User, Pw);
-    ASSERT_TRUE(WaitServing([&] { return F.Done.load(); }));
-    EXPECT_FALSE(F.Opened) << User << "/" << Pw;
-    EXPECT_FALSE(F.Called);
-  }
+  RunThreads({
+      {Conn(),
+       "SELECT id, client, amount, big, note FROM deals ORDER BY id",
+       true,
+       {"3:1|8:Dupont|5:12.5|20:5000000000|1:", "3:2|8:Caf\xC3\xA9|5:-3.25|20:7|8:x"},
+       "vel",
+       "s3cret"},
+      // The URI form, credentials added by Open.
+      {"postgresql:///postgres?host=" + Dir,
+       "SELECT count(*) FROM deals",
+       true,
+       {"20:2"},
+       "vel",
+       "s3cret"},
+      // No rows: the result-set method is not called.
+      {Conn(), "SELECT * FROM deals WHERE id > 10", true, {}, "vel", "s3cret"},
+      {Conn(), "SELECT 1", false, {}, "vel", "wrong"},
+      {Conn(), "SELECT 1", false, {}, "nobody", "s3cret"},
+      {Conn(), "SELECT 1", false, {}, "vel", ""},
+  });
 }

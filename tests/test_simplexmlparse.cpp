@@ -1,11 +1,11 @@
 // The XML walker: pre-order over the document and its elements, what the
 // handler can read, file: URLs, documents that do not load, deep nesting.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <filesystem>
+#include <algorithm>
 #include <fstream>
 
+#include "ResourceFiles.h"
 #include "vel/SimpleXmlParse.h"
 #include "vel/rtl/SysUtils.h"
 
@@ -13,49 +13,33 @@ using namespace vel;
 
 namespace {
 
+// Records each visited node's name and, unless NamesOnly, an element's
+// attributes and text.
 class TWalkRecorder : public TObject {
  public:
   std::vector<std::string> Names;
   std::vector<std::string> Details;
   TObject* Sender = nullptr;
+  bool NamesOnly = false;
   void OnNode(TObject* S, IXMLDOMNode* N) {
     Sender = S;
     Names.push_back(WideToUtf8(N->nodeName()));
-    if (N->nodeType() != NODE_ELEMENT) return;
-    std::string D = WideToUtf8(N->nodeName()) + ":";
+    if (NamesOnly || N->nodeType() != NODE_ELEMENT) return;
+    std::string D = Names.back() + ":";
     for (int32_t I = 0; I < N->attributeCount(); ++I)
       D += WideToUtf8(N->attributeName(I)) + "=" + WideToUtf8(N->attributeValue(I)) + ";";
-    D += "text=" + WideToUtf8(N->text());
-    Details.push_back(D);
+    Details.push_back(D + "text=" + WideToUtf8(N->text()));
   }
-};
-
-class TNameRecorder : public TObject {
- public:
-  int Count = 0;
-  void OnNode(TObject*, IXMLDOMNode* N) { Count += N->nodeName() == u"#document" || N->nodeName() == u"n"; }
 };
 
 class XmlFiles : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_xml_XXXXXX";
-    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
-    Parser.OnNodeData = TNodeDataEvent::Bind<&TWalkRecorder::OnNode>(&Rec);
-  }
-  void TearDown() override {
-    std::error_code Ec;
-    std::filesystem::remove_all(Dir, Ec);
-  }
+  XmlFiles() { Parser.OnNodeData = TNodeDataEvent::Bind<&TWalkRecorder::OnNode>(&Rec); }
   std::string Put(const std::string& Name, const std::string& Data) {
-    std::string Path = Dir + "/" + Name;
-    std::ofstream(Path, std::ios::binary) << Data;
-    return Path;
+    std::ofstream(Dir.Path(Name), std::ios::binary) << Data;
+    return Dir.Path(Name);
   }
-  std::string Dir;
+  restest::TScratch Dir;
   TSimpleXMLParser Parser;
   TWalkRecorder Rec;
 };
@@ -72,17 +56,15 @@ const char* const Sample =
 
 }  // namespace
 
-TEST_F(XmlFiles, PreOrderOverDocumentAndElementsOnly) {
+TEST_F(XmlFiles, PreOrderOverDocumentAndElementsOnlyChildListsKeepAll) {
   Parser.LoadXML(Put("sample.xml", Sample));
   EXPECT_EQ(Rec.Names, (std::vector<std::string>{"#document", "a", "b", "d", "c"}));
   EXPECT_EQ(Rec.Sender, &Parser);
   EXPECT_EQ(Rec.Details,
             (std::vector<std::string>{"a:id=1;name=caf\xC3\xA9;text=\n  lead text\n  deep<raw>",
                                       "b:text=deep", "d:kind=x & y;text=deep", "c:text=<raw>"}));
-}
 
-TEST_F(XmlFiles, ChildListsKeepEveryNodeTypeInOrder) {
-  ASSERT_TRUE(Parser.Document->load(Put("sample.xml", Sample)));
+  // The DOM's child lists keep every node type, in order.
   IPtr<IXMLDOMNodeList> Top = Parser.Document->childNodes();
   std::vector<int32_t> Types;
   for (int32_t I = 0; I < Top->length(); ++I) Types.push_back(Top->item(I)->nodeType());
@@ -107,14 +89,14 @@ TEST_F(XmlFiles, ChildListsKeepEveryNodeTypeInOrder) {
 TEST_F(XmlFiles, SourcesThatDoNotLoadGiveNoEvents) {
   const std::string Good = Put("good doc.xml", "<r><s/></r>");
   const std::vector<std::pair<std::string, std::string>> Bad = {
-      {"missing", Dir + "/absent.xml"},
+      {"missing", Dir.Path("absent.xml")},
       {"mismatched end tag", Put("bad1.xml", "<a><b></a>")},
       {"unclosed", Put("bad2.xml", "<a><b>")},
       {"empty file", Put("bad3.xml", "")},
       {"two roots", Put("bad4.xml", "<a/><b/>")},
       {"text beside the root", Put("bad5.xml", "<a/>tail")},
       {"binary", Put("bad6.xml", std::string("\0\xff\xfe<", 4))},
-      {"a directory", Dir},
+      {"a directory", Dir.Path("")},
       {"network URL", "http://localhost/" + Good},
       {"remote file URL", "file://server" + Good},
       {"empty name", ""},
@@ -128,8 +110,8 @@ TEST_F(XmlFiles, SourcesThatDoNotLoadGiveNoEvents) {
 
   std::string Escaped = Good;
   Escaped.replace(Escaped.find(' '), 1, "%20");
-  for (const std::string& Url : {"file://" + Escaped, "file:" + Escaped,
-                                 "FILE://localhost" + Escaped, Good}) {
+  for (const std::string& Url :
+       {"file://" + Escaped, "file:" + Escaped, "FILE://localhost" + Escaped, Good}) {
     Rec.Names.clear();
     Parser.LoadXML(Url);
     EXPECT_EQ(Rec.Names, (std::vector<std::string>{"#document", "r", "s"})) << Url;
@@ -142,9 +124,9 @@ TEST_F(XmlFiles, DeepNestingWalksWithoutRecursion) {
   for (int I = 0; I < Depth; ++I) Xml += "<n>";
   for (int I = 0; I < Depth; ++I) Xml += "</n>";
   // Only the names: reading each element's text would be quadratic here.
-  TSimpleXMLParser Counting;
-  TNameRecorder Names;
-  Counting.OnNodeData = TNodeDataEvent::Bind<&TNameRecorder::OnNode>(&Names);
-  Counting.LoadXML(Put("deep.xml", Xml));
-  EXPECT_EQ(Names.Count, Depth + 1);
+  Rec.NamesOnly = true;
+  Parser.LoadXML(Put("deep.xml", Xml));
+  ASSERT_EQ(Rec.Names.size(), size_t(Depth + 1));
+  EXPECT_EQ(Rec.Names.front(), "#document");
+  EXPECT_EQ(std::count(Rec.Names.begin(), Rec.Names.end(), "n"), Depth);
 }

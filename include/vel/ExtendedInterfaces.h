@@ -57,6 +57,7 @@
 #include "vel/Export.h"
 #include "vel/rtl/Com.h"
 #include "vel/rtl/Pictures.h"
+#include "vel/rtl/Registry.h"
 #include "vel/rtl/Streams.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/System.h"
@@ -65,9 +66,6 @@
 namespace vel {
 
 class TComponent;
-// The runtime's registry accessor. LoadFromRegistry receives one (or null,
-// when the options are to use their own).
-class TRegistry;
 
 inline constexpr const char* SInvalidLogValues = "Invalid Log Values Idents <> Values";
 // The name under which WriteLogValues passes the message.
@@ -191,8 +189,7 @@ class VEL_API TIEventLog : public TNoRefInterfacedObject, public IEventlog, publ
   void WriteLogValues(const std::u16string& Msg, std::span<const std::string> Idents,
                       std::span<const TVarRec> Values, int32_t LogCat) override;
   // Braced lists for the two calls above.
-  void WriteLogFmt(const std::u16string& Fmt, std::initializer_list<TVarRec> Args,
-                   int32_t LogCat) {
+  void WriteLogFmt(const std::u16string& Fmt, std::initializer_list<TVarRec> Args, int32_t LogCat) {
     WriteLogFmt(Fmt, std::span<const TVarRec>(Args.begin(), Args.size()), LogCat);
   }
   void WriteLogValues(const std::u16string& Msg, std::initializer_list<std::string> Idents,
@@ -369,14 +366,26 @@ VEL_API extern IPtr<ISystemLog> gSystemLog;
 // ---------------------------------------------------------------------------
 // Concrete system logs
 
-// Options of the writers below: the categories written besides 0.
-// Categories are filled by the caller (or a descendant's
-// LoadFromRegistry); RegKey names where a registry-backed descendant reads
-// them. Reference counted.
+// Options of the writers below: the categories written besides 0 (which is
+// always written). The caller fills them with Enable/EnableAll, or names a
+// registry key for them to be read from. Reference counted.
+//
+// Registry layout, under RegKey in the hive RootKey (HKEY_CURRENT_USER
+// unless given):
+//   "Categories"     REG_SZ     the categories to write, decimal numbers
+//                               (or hex as "$1F") separated by commas,
+//                               semicolons or blanks: "1, 5;12"
+//   "AllCategories"  REG_DWORD  non-zero: write every category
+// Nothing is written to the registry: a missing key or value means no
+// categories beyond 0. A value of another type, or a list entry that is not
+// a 32-bit number, is skipped, so a damaged setting never stops a log.
 class VEL_API TLogCategoryOptions : public TILogOptions {
   VEL_CLASS(TLogCategoryOptions, TILogOptions)
  public:
   TLogCategoryOptions() = default;
+  // Options read from ARegKey (with or without a leading backslash) when
+  // the log initialises them.
+  explicit TLogCategoryOptions(const std::string& ARegKey, HKEY ARootKey = HKEY_CURRENT_USER);
   ~TLogCategoryOptions() override;
   // Whether LogCat is enabled: category 0 always; others when listed, or
   // every category after EnableAll.
@@ -384,10 +393,18 @@ class VEL_API TLogCategoryOptions : public TILogOptions {
   void Enable(int32_t LogCat);
   void Disable(int32_t LogCat);
   void EnableAll(bool Value);
+  // Nothing when RegKey is empty. Otherwise reads the values above from
+  // RegKey, opened read-only in Registry (in its root key; its open key is
+  // closed afterwards) or, when Registry is null, in a registry of its own
+  // on RootKey; they replace the enabled categories. May run while other
+  // threads log.
+  void LoadFromRegistry(TRegistry* Registry) override;
+  HKEY RootKey() const { return FRootKey; }
 
  private:
   std::vector<int32_t> FCategories;
   bool FAll = false;
+  HKEY FRootKey = HKEY_CURRENT_USER;
 };
 
 // A system log that appends one line per message to a file:
@@ -402,7 +419,9 @@ class VEL_API TLogCategoryOptions : public TILogOptions {
 class VEL_API TFileSystemLog : public TISystemLog {
   VEL_CLASS(TFileSystemLog, TISystemLog)
  public:
-  // Options: the categories to write (null: category 0 only). Running
+  // Options: the categories to write (null: category 0 only; a
+  // TLogCategoryOptions with a RegKey reads them from the registry when the
+  // log is constructed). Running
   // after construction when AutoStart.
   TFileSystemLog(const std::string& FileName, IPtr<ILogOptions> LogOptions = nullptr,
                  bool AutoStart = true);
@@ -474,7 +493,6 @@ class VEL_API TSysLogSystemLog : public TISystemLog {
   std::mutex FLock;
   int FSocket = -1;
 };
-
 
 // ---------------------------------------------------------------------------
 // Interfaced collection, resource loader and interface streams

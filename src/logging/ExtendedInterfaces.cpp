@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <memory>
 
 #include "vel/VelUtils.h"
 #include "vel/rtl/Streams.h"
@@ -306,13 +307,69 @@ void TLogCategoryOptions::Enable(int32_t LogCat) {
 
 void TLogCategoryOptions::Disable(int32_t LogCat) {
   std::lock_guard<std::mutex> Guard(FLock);
-  FCategories.erase(std::remove(FCategories.begin(), FCategories.end(), LogCat),
-                    FCategories.end());
+  FCategories.erase(std::remove(FCategories.begin(), FCategories.end(), LogCat), FCategories.end());
 }
 
 void TLogCategoryOptions::EnableAll(bool Value) {
   std::lock_guard<std::mutex> Guard(FLock);
   FAll = Value;
+}
+
+TLogCategoryOptions::TLogCategoryOptions(const std::string& ARegKey, HKEY ARootKey)
+    : FRootKey(ARootKey) {
+  RegKey = ARegKey;
+}
+
+namespace {
+
+// The entries of a "Categories" list; entries that are not numbers are
+// skipped.
+std::vector<int32_t> ParseCategories(const std::string& Text) {
+  std::vector<int32_t> Result;
+  size_t Pos = 0;
+  while (Pos < Text.size()) {
+    size_t End = Text.find_first_of(",; \t", Pos);
+    if (End == std::string::npos) End = Text.size();
+    int32_t Value = 0;
+    if (End > Pos && TryStrToInt(std::string_view(Text).substr(Pos, End - Pos), Value) &&
+        std::find(Result.begin(), Result.end(), Value) == Result.end())
+      Result.push_back(Value);
+    Pos = End + 1;
+  }
+  return Result;
+}
+
+}  // namespace
+
+void TLogCategoryOptions::LoadFromRegistry(TRegistry* Registry) {
+  std::string Key = GetRegKey();
+  if (Key.empty()) return;
+  if (Key.front() != '\\') Key.insert(Key.begin(), '\\');
+
+  std::unique_ptr<TRegistry> Own;
+  REGSAM Access = 0;
+  if (Registry) {
+    Access = Registry->Access();
+  } else {
+    Own = std::make_unique<TRegistry>(KEY_READ);
+    Own->SetRootKey(FRootKey);
+    Registry = Own.get();
+  }
+  std::vector<int32_t> Categories;
+  bool All = false;
+  if (Registry->OpenKeyReadOnly(Key)) {
+    if (const TRegDataType T = Registry->GetDataType("Categories");
+        T == rdString || T == rdExpandString)
+      Categories = ParseCategories(Registry->ReadString("Categories"));
+    if (Registry->GetDataType("AllCategories") == rdInteger)
+      All = Registry->ReadInteger("AllCategories") != 0;
+    Registry->CloseKey();
+  }
+  if (!Own) Registry->SetAccess(Access);
+
+  std::lock_guard<std::mutex> Guard(FLock);
+  FCategories = std::move(Categories);
+  FAll = All;
 }
 
 namespace {

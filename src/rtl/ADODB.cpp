@@ -6,6 +6,9 @@
 #undef SOCI_HAVE_BOOST
 #undef SOCI_HAVE_BOOST_DATE_TIME
 #include <soci/soci.h>
+// The SQLite backend's session (its connection handle is replaced below);
+// this header reads <sqlite3.h> into the namespace sqlite_api.
+#include <soci/sqlite3/soci-sqlite3.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -111,6 +114,31 @@ std::u16string TextToWide(const std::string& S) {
   return W;
 }
 
+// SOCI opens SQLite files in SQLite's serialized mode, where every call
+// (several per column of every row) takes the connection's mutex. A
+// connection here belongs to one thread at a time, so the backend's handle
+// is swapped for one on the same file opened without the mutex: fetching
+// rows then costs no lock operations.
+// The backend library exports no type information for its session struct,
+// so the sanitizer's dynamic type check of the cast below is left out (it
+// would need that type information to link).
+__attribute__((no_sanitize("vptr"))) void UseSingleThreadedHandle(soci::session& Session,
+                                                                  const std::string& File) {
+  namespace sq = ::sqlite_api;
+  // The session was just opened with the SQLite factory.
+  auto* Backend = static_cast<soci::sqlite3_session_backend*>(Session.get_backend());
+  sq::sqlite3* Db = nullptr;
+  const int Rc = sq::sqlite3_open_v2(
+      File.c_str(), &Db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  if (Rc != SQLITE_OK) {
+    std::string Msg = Db ? sq::sqlite3_errmsg(Db) : sq::sqlite3_errstr(Rc);
+    sq::sqlite3_close(Db);
+    throw EADOError(Msg);
+  }
+  sq::sqlite3_close(Backend->conn_);
+  Backend->conn_ = Db;
+}
+
 bool IsPostgresUri(const std::string& S) {
   std::string L = Lower(S.substr(0, 13));
   return L.rfind("postgresql://", 0) == 0 || L.rfind("postgres://", 0) == 0;
@@ -149,7 +177,7 @@ TADOConnectTarget ParseConnectionString(const std::string& ConnectionString) {
     T.Backend = dbPostgreSQL;
     for (auto& [K, V] : Pairs) {
       std::string L = Lower(K);
-      std::string Key = L == "provider"                           ? std::string()
+      std::string Key = L == "provider"                             ? std::string()
                         : L == "host" || L == "server"              ? "host"
                         : L == "database" || L == "initial catalog" ? "dbname"
                         : L == "user id" || L == "uid"              ? "user"
@@ -200,6 +228,7 @@ void TADOConnection::Open(const std::string& UserID, const std::string& Password
           throw EADOError("A database file name must not contain '='");
         // Without '=' the whole string is the file name.
         Impl->Session.open(*soci::factory_sqlite3(), T.Params);
+        UseSingleThreadedHandle(Impl->Session, T.Params);
         // Several threads or processes on one file wait for each other's
         // writes instead of failing at once.
         Impl->Session << "PRAGMA busy_timeout = 30000";
@@ -268,6 +297,8 @@ struct TADODataSet::TImpl {
   // columns only with a row).
   std::vector<std::string> Names;
   std::vector<std::string> LowerNames;
+  // Each column's type, read once rather than per field of every row.
+  std::vector<soci::data_type> Types;
 };
 
 TADODataSet::TADODataSet(TComponent* AOwner) : TComponent(AOwner) {}
@@ -288,6 +319,7 @@ void TADODataSet::Execute() {
       for (size_t I = 0; I < R.size(); ++I) {
         Impl->Names.push_back(R.get_properties(I).get_name());
         Impl->LowerNames.push_back(Lower(Impl->Names.back()));
+        Impl->Types.push_back(R.get_properties(I).get_data_type());
       }
     }
   } catch (const soci::soci_error& E) {
@@ -355,9 +387,17 @@ std::string TADODataSet::FieldName(int32_t Index) const {
 
 Variant TADODataSet::FieldByName(const std::string& Name) const {
   CheckActive();
-  std::string L = Lower(Name);
+  // Compared in place: a lookup per field of every row allocates nothing.
+  auto Same = [&Name](const std::string& LowerName) {
+    if (LowerName.size() != Name.size()) return false;
+    for (size_t I = 0; I < Name.size(); ++I)
+      if (std::tolower(static_cast<unsigned char>(Name[I])) !=
+          static_cast<unsigned char>(LowerName[I]))
+        return false;
+    return true;
+  };
   for (size_t I = 0; I < FImpl->LowerNames.size(); ++I)
-    if (FImpl->LowerNames[I] == L) return Fields(static_cast<int32_t>(I));
+    if (Same(FImpl->LowerNames[I])) return Fields(static_cast<int32_t>(I));
   throw EDatabaseError(Format(SFieldNotFound, {Name}));
 }
 
@@ -369,7 +409,7 @@ Variant TADODataSet::Fields(int32_t Index) const {
   const soci::row& R = *FImpl->It;
   const size_t I = static_cast<size_t>(Index);
   if (R.get_indicator(I) == soci::i_null) return Variant::Null();
-  switch (R.get_properties(I).get_data_type()) {
+  switch (FImpl->Types[I]) {
     case soci::dt_integer:
       return Variant(static_cast<int32_t>(R.get<int>(I)));
     case soci::dt_long_long:
@@ -380,8 +420,9 @@ Variant TADODataSet::Fields(int32_t Index) const {
       return Variant(R.get<double>(I));
     case soci::dt_date: {
       std::tm T = R.get<std::tm>(I);
-      TDateTime D = EncodeDate(static_cast<uint16_t>(T.tm_year + 1900),
-                               static_cast<uint16_t>(T.tm_mon + 1), static_cast<uint16_t>(T.tm_mday));
+      TDateTime D =
+          EncodeDate(static_cast<uint16_t>(T.tm_year + 1900), static_cast<uint16_t>(T.tm_mon + 1),
+                     static_cast<uint16_t>(T.tm_mday));
       D.Value += (T.tm_hour * 3600.0 + T.tm_min * 60.0 + T.tm_sec) / 86400.0;
       return Variant(D);
     }
