@@ -530,11 +530,20 @@ class TCfbDoc {
     // The FAT, cut to the sectors that exist.
     std::vector<uint32_t> Fat;
     Fat.reserve(static_cast<size_t>(NFat) * PerSec);
-    for (uint32_t S : FatSecs) {
-      if (S >= NSect || FUsed[S]) return STG_E_DOCFILECORRUPT;
-      FUsed.Set(S);
-      if (Failed(Hr = ReadSector(S, Buf.data()))) return Hr;
-      for (uint32_t I = 0; I < PerSec; ++I) Fat.push_back(Get32(Buf.data() + 4 * I));
+    // Consecutive FAT sectors are read together, up to 64 KiB at a time.
+    const size_t Batch = std::max<size_t>(1, (64u << 10) / SectorSize);
+    for (size_t I = 0; I < FatSecs.size();) {
+      size_t N = 1;
+      while (I + N < FatSecs.size() && N < Batch && FatSecs[I + N] == FatSecs[I] + uint64_t(N)) ++N;
+      for (size_t K = 0; K < N; ++K) {
+        uint32_t S = FatSecs[I + K];
+        if (S >= NSect || FUsed[S]) return STG_E_DOCFILECORRUPT;
+        FUsed.Set(S);
+      }
+      Buf.resize(N * SectorSize);
+      if (Failed(Hr = File.ReadAt(SectorOffset(FatSecs[I]), Buf.data(), Buf.size()))) return Hr;
+      for (size_t K = 0; K < N * PerSec; ++K) Fat.push_back(Get32(Buf.data() + 4 * K));
+      I += N;
     }
     if (Fat.size() > NSect) Fat.resize(NSect);
     FFatSectors.clear();
