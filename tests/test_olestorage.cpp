@@ -1,7 +1,12 @@
 // The compound-file wrappers: name cleaning and shortening, element records
 // and times, element opening with its messages, the walk and Contains, the
-// root's Open, New and Save with compaction.
+// root's Open, New and Save with compaction, and share-exclusive files
+// refused to openers in other processes.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 
 #include "storage_test_util.h"
@@ -30,11 +35,6 @@ class OleFiles : public ScratchDir {
   }
 };
 
-std::string Message(const std::function<void()>& F) {
-  const std::string E = Error(F);
-  return E.substr(E.find(": ") == std::string::npos ? 0 : E.find(": ") + 2);
-}
-
 void SetTimeZone(const char* Tz) {
   ::setenv("TZ", Tz, 1);  // each case runs in its own process
   ::tzset();
@@ -50,7 +50,7 @@ uint64_t Ticks(const FILETIME& F) {
 
 }  // namespace
 
-TEST(OleStorageNames, CleaningDeletesEveryForbiddenCharacter) {
+TEST(OleStorageNames, ValidNamesAreCleanedAndLongOnesNumbered) {
   struct {
     const char* In;
     const char* Out;
@@ -62,12 +62,9 @@ TEST(OleStorageNames, CleaningDeletesEveryForbiddenCharacter) {
   TCustomOleStorage S(nullptr);
   for (const auto& C : Cases) EXPECT_EQ(S.GetValidName(C.In), C.Out) << C.In;
   EXPECT_EQ(S.GetLongNames()->Count(), 0);
-}
-
-TEST(OleStorageNames, LongNamesAreNumberedPerWrapper) {
+  // Long names are numbered per wrapper.
   const std::string A40(40, 'a');
   const std::string B40 = std::string(39, 'b') + "!";  // 39 once cleaned
-  TCustomOleStorage S(nullptr);
   EXPECT_EQ(S.GetValidName(std::string(30, 'x') + " "), std::string(30, 'x'));
   EXPECT_EQ(S.GetValidName(A40), std::string(29, 'a') + "0");
   EXPECT_EQ(S.GetValidName(A40), std::string(29, 'a') + "0");
@@ -87,8 +84,10 @@ TEST(OleStorageNames, FlagsAndStatusRecords) {
   STATSTG S;
   S.cbSize = 0x123456789ULL;
   const std::pair<std::u16string, std::string> Names[] = {
-      {u"\x05SummaryInformation", "#5SummaryInformation"}, {u"\x1F", "#31"},
-      {u" x", " x"}, {u"Caf\u00e9\u20ac", "Caf\xE9\x80"}};
+      {u"\x05SummaryInformation", "#5SummaryInformation"},
+      {u"\x1F", "#31"},
+      {u" x", " x"},
+      {u"Caf\u00e9\u20ac", "Caf\xE9\x80"}};
   for (const auto& [In, Out] : Names) {
     S.pwcsName = In;
     EXPECT_EQ(TranslateStatStg(S).Name, Out);
@@ -115,8 +114,8 @@ TEST(OleStorageNames, FileTimesBecomeLocalDateTimes) {
 
 TEST_F(OleFiles, OpenMissingFile) {
   const std::string Name = Path("missing.stg");
-  EXPECT_EQ(Message([&] { delete TOleRootStorage::Open(Name, 0x12, false); }),
-            "Unable to open " + Name + ", file not found");
+  EXPECT_EQ(Error([&] { delete TOleRootStorage::Open(Name, 0x12, false); }),
+            "EOleStorageError: Unable to open " + Name + ", file not found");
   EXPECT_FALSE(FileExists(Name));
   std::unique_ptr<TOleRootStorage> R(TOleRootStorage::Open(Name, 0x12, true));
   EXPECT_EQ(R->Mode(), 0x1012);
@@ -131,21 +130,22 @@ TEST_F(OleFiles, OpeningElements) {
   auto Root = MakeSample("open.stg");
   IPtr<IStorage> Sub;
   IPtr<IStream> Str;
-  EXPECT_EQ(Message([&] { Root->OpenStorage("No Such/Thing", 0x12, Sub, false); }),
-            "Open Storage No Such/Thing Failed");
-  EXPECT_EQ(Message([&] { Root->OpenStream("No.Stream", 0x12, Str, false); }),
-            "Open Stream No.Stream Failed");
-  EXPECT_EQ(Message([&] { Root->OpenStorage("Top", 0x12, Sub, false); }), "Open Storage Top Failed");
-  EXPECT_EQ(Message([&] { Root->OpenStream("Clients", 0x12, Str, false); }),
-            "Open Stream Clients Failed");
+  EXPECT_EQ(Error([&] { Root->OpenStorage("No Such/Thing", 0x12, Sub, false); }),
+            "EOleStorageError: Open Storage No Such/Thing Failed");
+  EXPECT_EQ(Error([&] { Root->OpenStream("No.Stream", 0x12, Str, false); }),
+            "EOleStorageError: Open Stream No.Stream Failed");
+  EXPECT_EQ(Error([&] { Root->OpenStorage("Top", 0x12, Sub, false); }),
+            "EOleStorageError: Open Storage Top Failed");
+  EXPECT_EQ(Error([&] { Root->OpenStream("Clients", 0x12, Str, false); }),
+            "EOleStorageError: Open Stream Clients Failed");
   Root->OpenStorage("No Such/Thing", 0x12, Sub, true);
   STATSTG St;
   ASSERT_EQ(Sub->Stat(&St, STATFLAG_DEFAULT), S_OK);
   EXPECT_EQ(St.pwcsName, u"NoSuchThing");
   // Open share-exclusive: the same element cannot be opened twice.
   IPtr<IStorage> Twice;
-  EXPECT_EQ(Message([&] { Root->OpenStorage("NoSuchThing", 0x12, Twice, false); }),
-            "Open Storage NoSuchThing Failed");
+  EXPECT_EQ(Error([&] { Root->OpenStorage("NoSuchThing", 0x12, Twice, false); }),
+            "EOleStorageError: Open Storage NoSuchThing Failed");
   Root->OpenStream("New.Stream", 0x12, Str, true);
   EXPECT_TRUE(Str);
   EXPECT_EQ(SysErrorCode([&] { Root->CreateStorage("Clients", 0x12, Sub); }),
@@ -156,31 +156,20 @@ TEST_F(OleFiles, OpeningElements) {
   EXPECT_FALSE(Root->DestroyElement("Top"));
 }
 
-TEST_F(OleFiles, ElementTimesAreLocal) {
+TEST_F(OleFiles, WalkContainsAndLocalTimes) {
   SetTimeZone("CET-1CEST,M3.5.0,M10.5.0/3");
-  auto Root = MakeSample("times.stg");
+  auto Root = MakeSample("walk.stg");
   const TDateTime Created(EncodeDate(2004, 5, 6) + EncodeTime(7, 8, 9, 0));
   const TDateTime Modified(EncodeDate(2005, 1, 2) + EncodeTime(3, 4, 5, 0));
   EXPECT_TRUE(Root->SetElementTimes("Clients", Created, Created, Modified));
-  int Seen = 0;
-  Root->ForEach(
-      [&](TObject*, const TElementInfo& I, bool& Continue) {
-        if (I.Name != "Clients") return;
-        Continue = ++Seen == 0;
-        EXPECT_NEAR(static_cast<double>(I.Created), static_cast<double>(Created), 1e-8);
-        EXPECT_NEAR(static_cast<double>(I.Modified), static_cast<double>(Modified), 1e-8);
-      },
-      false);
-  EXPECT_EQ(Seen, 1);
-}
-
-TEST_F(OleFiles, WalkAndContains) {
-  auto Root = MakeSample("walk.stg");
   std::vector<std::string> Visits;
   Root->ForEach(
       [&](TObject* Sender, const TElementInfo& I, bool&) {
         EXPECT_EQ(Sender, Root.get());
         Visits.push_back(std::to_string(I.Depth) + ":" + I.Name + ":" + std::to_string(I.Size));
+        if (I.Name != "Clients") return;
+        EXPECT_NEAR(static_cast<double>(I.Created), static_cast<double>(Created), 1e-8);
+        EXPECT_NEAR(static_cast<double>(I.Modified), static_cast<double>(Modified), 1e-8);
       },
       true);
   ASSERT_EQ(Visits.size(), 5u);
@@ -217,10 +206,7 @@ TEST_F(OleFiles, LongElementNamesLastAsLongAsTheWrapper) {
   EXPECT_EQ(std::unique_ptr<TStream>(Root->OpenOleStream(Y2005, 0x12, false))->GetSize(), 1);
 }
 
-TEST_F(OleFiles, SecondOpenerAndNewFiles) {
-  auto Root = MakeSample("shared.stg");
-  EXPECT_EQ(SysErrorCode([&] { TOleRootStorage Second(Path("shared.stg"), 0x12); }),
-            STG_E_SHAREVIOLATION);
+TEST_F(OleFiles, NewFilesInTheTemporaryFolder) {
   ::setenv("TMPDIR", Dir.c_str(), 1);
   std::unique_ptr<TOleRootStorage> A(TOleRootStorage::New(0x12));
   std::unique_ptr<TOleRootStorage> B(TOleRootStorage::New(0x12));
@@ -232,35 +218,28 @@ TEST_F(OleFiles, SecondOpenerAndNewFiles) {
   }
 }
 
-TEST_F(OleFiles, SaveUnderTheSameNameCompacts) {
-  const std::string Name = Path("compact.stg");
-  auto Root = MakeSample("compact.stg");
+TEST_F(OleFiles, SaveCompactsCopiesAndTakesNames) {
+  const std::string Name = Path("first.stg");
+  auto Root = MakeSample("first.stg");
   const std::string Block(1 << 20, 'z');
   std::unique_ptr<TStream>(Root->CreateOleStream("Big", 0x1012))
       ->WriteBuffer(Block.data(), static_cast<int64_t>(Block.size()));
   Root->Save(Name, false);
   const auto WithBig = std::filesystem::file_size(Name);
   EXPECT_TRUE(Root->DestroyElement("Big"));
-  Root->Save(Dir + "/./compact.stg", false);  // another spelling of the same file
+  Root->Save(Dir + "/./first.stg", false);  // another spelling of the same file
   EXPECT_LT(std::filesystem::file_size(Name), WithBig / 8);
   EXPECT_FALSE(FileExists(ChangeFileExt(Name, ".~bak")));
   EXPECT_EQ(Root->Mode(), 0x12);  // reopening must not truncate
   EXPECT_TRUE(Root->Contains("Notes", true));
   EXPECT_FALSE(Root->Contains("Big", false));
-}
-
-TEST_F(OleFiles, SaveRefusesWhenABackupIsLeftOver) {
-  const std::string Name = Path("left.stg");
-  auto Root = MakeSample("left.stg");
+  // A backup left over refuses the compaction; the file is reopened intact.
   TFileStream(ChangeFileExt(Name, ".~bak"), fmCreate).WriteBuffer("junk", 4);
   EXPECT_EQ(SysErrorCode([&] { Root->Save(Name, false); }), STG_E_FILEALREADYEXISTS);
-  EXPECT_TRUE(Root->Contains("Notes", true));  // reopened, intact
-}
-
-TEST_F(OleFiles, SaveUnderAnotherName) {
-  auto Root = MakeSample("first.stg");
+  EXPECT_TRUE(Root->Contains("Notes", true));
+  // Under another name: a copy, unless the name is taken.
   Root->Save(Path("copy.stg"), false);
-  EXPECT_EQ(Root->FileName(), Path("first.stg"));
+  EXPECT_EQ(Root->FileName(), Name);
   Root->Save(Path("taken.stg"), true);
   EXPECT_EQ(Root->FileName(), Path("taken.stg"));
   EXPECT_EQ(SysErrorCode([&] { TOleRootStorage Busy(Path("taken.stg"), 0x12); }),
@@ -269,4 +248,57 @@ TEST_F(OleFiles, SaveUnderAnotherName) {
   EXPECT_TRUE(Copy->Contains("#5SummaryInformation", false));
   EXPECT_TRUE(Copy->Contains("Notes", true));
   EXPECT_FALSE(FileExists(Path("copy.~bak")));
+}
+
+// A file a wrapper holds in one process is refused to every opener in
+// another, through the engine and through the wrappers, until it is freed;
+// readers that share reading coexist.
+TEST_F(OleFiles, ShareExclusiveRefusesOtherProcesses) {
+  const std::string Name = Path("held.stg");
+  const std::u16string W = StgUtf8ToName(Name);
+  MakeSample("held.stg").reset();
+  int Ready[2], Go[2];
+  ASSERT_EQ(pipe(Ready), 0);
+  ASSERT_EQ(pipe(Go), 0);
+  const pid_t Child = fork();
+  if (Child == 0) {
+    char C = 'n';
+    try {
+      TOleRootStorage Held(Name, 0x12);
+      C = 'y';
+      (void)!write(Ready[1], &C, 1);
+      (void)!read(Go[0], &C, 1);
+    } catch (...) {
+      (void)!write(Ready[1], &C, 1);
+    }
+    _exit(0);
+  }
+  char C = 0;
+  ASSERT_EQ(read(Ready[0], &C, 1), 1);
+  ASSERT_EQ(C, 'y');
+  EXPECT_EQ(Error([&] { TOleRootStorage Second(Name, 0x12); }), "EOleSysError: OLE error 80030020");
+  EXPECT_EQ(SysErrorCode([&] { delete TOleRootStorage::Open(Name, 0x10, false); }),
+            STG_E_SHAREVIOLATION);
+  EXPECT_EQ(SysErrorCode([&] { TOleRootStorage Replace(Name, 0x1012); }), STG_E_SHAREVIOLATION);
+  EXPECT_EQ(SysErrorCode([&] { CompressFile(Name); }), STG_E_SHAREVIOLATION);
+  IPtr<IStorage> R, R2;
+  EXPECT_EQ(StgOpenStorage(W.c_str(), nullptr, STGM_READ | STGM_SHARE_DENY_NONE, nullptr, 0,
+                           reinterpret_cast<IStorage**>(R.Out())),
+            STG_E_SHAREVIOLATION);
+  (void)!write(Go[1], "x", 1);
+  int Status = 0;
+  ASSERT_EQ(waitpid(Child, &Status, 0), Child);
+  // Nothing was replaced or truncated; the same rules hold within a process.
+  std::unique_ptr<TOleRootStorage> Root(TOleRootStorage::Open(Name, 0x12, false));
+  EXPECT_TRUE(Root->Contains("Notes", true));
+  EXPECT_EQ(SysErrorCode([&] { TOleRootStorage Second(Name, 0x12); }), STG_E_SHAREVIOLATION);
+  Root.reset();
+  constexpr uint32_t Shared = STGM_READ | STGM_SHARE_DENY_WRITE;
+  EXPECT_EQ(
+      StgOpenStorage(W.c_str(), nullptr, Shared, nullptr, 0, reinterpret_cast<IStorage**>(R.Out())),
+      S_OK);
+  EXPECT_EQ(StgOpenStorage(W.c_str(), nullptr, Shared, nullptr, 0,
+                           reinterpret_cast<IStorage**>(R2.Out())),
+            S_OK);
+  EXPECT_EQ(SysErrorCode([&] { TOleRootStorage Writer(Name, 0x12); }), STG_E_SHAREVIOLATION);
 }

@@ -25,22 +25,13 @@ class StoragePaths : public ScratchDir {
     ScratchDir::TearDown();
   }
 
-  // "depth:name" per element, depth first, each level sorted by name.
-  std::vector<std::string> Tree(IStorage* S = nullptr, int Depth = 1) {
-    TOleStorage W(S ? S : Root->Storage());
-    std::vector<std::pair<std::string, bool>> Level;
-    W.ForEach([&](TObject*, const TElementInfo& I,
-                  bool&) { Level.emplace_back(I.Name, I.ElementType == STGTY_STORAGE); },
-              false);
-    std::sort(Level.begin(), Level.end());
-    std::vector<std::string> R;
-    for (const auto& [Name, IsStorage] : Level) {
-      R.push_back(std::to_string(Depth) + ":" + Name);
-      if (!IsStorage) continue;
-      IPtr<IStorage> Sub;
-      W.OpenStorage(Name, 0x12, Sub, false);
-      for (std::string& E : Tree(Sub, Depth + 1)) R.push_back(std::move(E));
-    }
+  // "depth:name" per element, depth first, in the engine's order of names
+  // (shorter first).
+  TNames Tree() {
+    TNames R;
+    Root->ForEach([&](TObject*, const TElementInfo& I,
+                      bool&) { R.push_back(std::to_string(I.Depth) + ":" + I.Name); },
+                  true);
     return R;
   }
 
@@ -61,10 +52,13 @@ class StoragePaths : public ScratchDir {
 }  // namespace
 
 TEST(TokenParse, SplitsAtEverySeparatorAndDropsATrailingEmptyPart) {
-  const std::pair<const char*, TNames> Cases[] = {
-      {"a\\b\\c", {"a", "b", "c"}}, {"a\\\\b", {"a", "", "b"}}, {"a\\b\\", {"a", "b"}},
-      {"\\a", {"", "a"}},           {"\\", {""}},               {"", {}},
-      {"a b\\c,d", {"a b", "c,d"}}};
+  const std::pair<const char*, TNames> Cases[] = {{"a\\b\\c", {"a", "b", "c"}},
+                                                  {"a\\\\b", {"a", "", "b"}},
+                                                  {"a\\b\\", {"a", "b"}},
+                                                  {"\\a", {"", "a"}},
+                                                  {"\\", {""}},
+                                                  {"", {}},
+                                                  {"a b\\c,d", {"a b", "c,d"}}};
   for (const auto& [Text, Items] : Cases) {
     TStringList L;
     TokenParseToStrings(Text, '\\', &L);
@@ -96,8 +90,8 @@ TEST_F(StoragePaths, AddDeleteAndSplitting) {
   AddPath(Root.get(), "Clients\\1234");  // changes nothing
   AddPath(Root.get(), "a\\b c\\d");      // blanks separate: four levels
   AddPath(Root.get(), "q\\\"r s\"\\t");  // quoted: one level, cleaned to rs
-  EXPECT_EQ(Tree(), (TNames{"1:Clients", "2:1234", "1:a", "2:b", "3:c", "4:d", "1:q", "2:rs",
-                            "3:t"}));
+  EXPECT_EQ(Tree(),
+            (TNames{"1:a", "2:b", "3:c", "4:d", "1:q", "2:rs", "3:t", "1:Clients", "2:1234"}));
   Write("Clients\\1234\\Notes", "abc");
   EXPECT_TRUE(DeletePath(Root.get(), "Clients\\1234"));
   EXPECT_FALSE(DeletePath(Root.get(), "Clients\\Absent"));

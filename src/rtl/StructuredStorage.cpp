@@ -161,6 +161,154 @@ HRESULT CheckName(const char16_t* Name, std::u16string& Out) {
 }
 
 // ---------------------------------------------------------------------------
+// Sector chains and allocation maps
+
+// A chain of sector numbers (regular or mini) kept as runs of consecutive
+// numbers: a stream written in one go is one run whatever its length, so a
+// large file costs a few bytes per stream instead of four per sector.
+class TChain {
+ public:
+  struct TRun {
+    uint64_t Start;   // index in the chain of the run's first sector
+    uint32_t Sector;  // its sector number
+    uint32_t Count;
+  };
+
+  size_t size() const { return FCount; }
+  bool empty() const { return FCount == 0; }
+  uint32_t front() const { return FRuns.front().Sector; }
+  const std::vector<TRun>& Runs() const { return FRuns; }
+
+  void clear() {
+    FRuns.clear();
+    FCount = 0;
+  }
+
+  void push_back(uint32_t S) {
+    if (!FRuns.empty() && FRuns.back().Sector + uint64_t(FRuns.back().Count) == S &&
+        FRuns.back().Count < UINT32_MAX)
+      ++FRuns.back().Count;
+    else
+      FRuns.push_back({FCount, S, 1});
+    ++FCount;
+  }
+
+  // The sector at index I; Following receives how many sectors after it
+  // are consecutive in the file (the rest of its run).
+  uint32_t At(size_t I, size_t* Following = nullptr) const {
+    const TRun& R = FRuns[Find(I)];
+    uint64_t Off = I - R.Start;
+    if (Following) *Following = static_cast<size_t>(R.Count - Off - 1);
+    return static_cast<uint32_t>(R.Sector + Off);
+  }
+  uint32_t operator[](size_t I) const { return At(I); }
+
+  // Cuts the chain to its first N sectors.
+  void Shrink(size_t N) {
+    if (N >= FCount) return;
+    if (N == 0) return clear();
+    size_t R = Find(N - 1);
+    FRuns[R].Count = static_cast<uint32_t>(N - FRuns[R].Start);
+    FRuns.resize(R + 1);
+    FCount = N;
+  }
+
+  // Replaces the sector at index I by S (a copy written elsewhere).
+  void Set(size_t I, uint32_t S) {
+    size_t R = Find(I);
+    TRun Old = FRuns[R];
+    uint64_t Off = I - Old.Start;
+    if (Off == 0 && R > 0 && FRuns[R - 1].Sector + uint64_t(FRuns[R - 1].Count) == S &&
+        FRuns[R - 1].Count < UINT32_MAX) {
+      // The usual case of a rewrite from the front: the previous run, made
+      // of new sectors, grows by one and this run loses its first.
+      ++FRuns[R - 1].Count;
+      if (Old.Count == 1) {
+        FRuns.erase(FRuns.begin() + static_cast<ptrdiff_t>(R));
+        Merge(R - 1);
+      } else {
+        FRuns[R] = {Old.Start + 1, Old.Sector + 1, Old.Count - 1};
+      }
+      return;
+    }
+    TRun Parts[3];
+    size_t N = 0;
+    if (Off > 0) Parts[N++] = {Old.Start, Old.Sector, static_cast<uint32_t>(Off)};
+    Parts[N++] = {I, S, 1};
+    if (Off + 1 < Old.Count)
+      Parts[N++] = {I + 1, static_cast<uint32_t>(Old.Sector + Off + 1),
+                    static_cast<uint32_t>(Old.Count - Off - 1)};
+    FRuns[R] = Parts[0];
+    FRuns.insert(FRuns.begin() + static_cast<ptrdiff_t>(R + 1), Parts + 1, Parts + N);
+    size_t Mid = R + (Off > 0 ? 1 : 0);
+    Merge(Mid);
+    if (Mid > 0) Merge(Mid - 1);
+  }
+
+ private:
+  size_t Find(size_t I) const {
+    auto It = std::upper_bound(FRuns.begin(), FRuns.end(), uint64_t(I),
+                               [](uint64_t V, const TRun& R) { return V < R.Start; });
+    return static_cast<size_t>(It - FRuns.begin()) - 1;
+  }
+
+  // Joins run R with the one after it when their sectors continue.
+  void Merge(size_t R) {
+    if (R + 1 >= FRuns.size()) return;
+    TRun& A = FRuns[R];
+    const TRun& B = FRuns[R + 1];
+    if (A.Sector + uint64_t(A.Count) != B.Sector || uint64_t(A.Count) + B.Count > UINT32_MAX) return;
+    A.Count += B.Count;
+    FRuns.erase(FRuns.begin() + static_cast<ptrdiff_t>(R + 1));
+  }
+
+  std::vector<TRun> FRuns;
+  size_t FCount = 0;
+};
+
+// One bit per sector.
+class TBits {
+ public:
+  size_t size() const { return FSize; }
+  bool operator[](size_t I) const { return (FWords[I >> 6] >> (I & 63)) & 1; }
+  void Set(size_t I) { FWords[I >> 6] |= uint64_t(1) << (I & 63); }
+  void Reset(size_t I) { FWords[I >> 6] &= ~(uint64_t(1) << (I & 63)); }
+  void Assign(size_t N) {
+    FWords.assign((N + 63) / 64, 0);
+    FSize = N;
+  }
+  void Resize(size_t N) {
+    for (size_t I = N; I < std::min(FSize, (N + 63) / 64 * 64); ++I) Reset(I);
+    FWords.resize((N + 63) / 64, 0);
+    FSize = N;
+  }
+  void PushBack(bool V) {
+    Resize(FSize + 1);
+    if (V) Set(FSize - 1);
+  }
+  void Clear() { Assign(0); }
+
+  // The first index from From on that is clear here and in Other (Other
+  // may be shorter: missing bits are clear); size() when there is none.
+  size_t FindFree(size_t From, const TBits* Other = nullptr) const {
+    for (size_t W = From >> 6; W < FWords.size(); ++W) {
+      uint64_t Busy = FWords[W];
+      if (Other && W < Other->FWords.size()) Busy |= Other->FWords[W];
+      if (W == From >> 6) Busy |= (uint64_t(1) << (From & 63)) - 1;
+      if (Busy != ~uint64_t(0)) {
+        size_t I = W * 64 + static_cast<size_t>(__builtin_ctzll(~Busy));
+        return std::min(I, FSize);
+      }
+    }
+    return FSize;
+  }
+
+ private:
+  std::vector<uint64_t> FWords;
+  size_t FSize = 0;
+};
+
+// ---------------------------------------------------------------------------
 // The file
 
 class TCfbFile {
@@ -274,7 +422,7 @@ struct TEntry {
   uint32_t StateBits = 0;
   FILETIME CTime, MTime, ATime;
   uint64_t Size = 0;
-  std::vector<uint32_t> Chain;  // regular or mini sectors, by Size
+  TChain Chain;                 // regular or mini sectors, by Size
   bool Damaged = false;         // the chain in the file is unsound
   uint32_t Parent = NOSTREAM;
   std::map<std::u16string, uint32_t, TNameLess> Children;  // folded name -> entry
@@ -312,9 +460,9 @@ class TCfbDoc {
     R.Type = ObjRoot;
     R.Name = u"Root Entry";
     R.Serial = ++FSerial;
-    FUsed.clear();
-    FCommitted.clear();
-    FMiniUsed.clear();
+    FUsed.Clear();
+    FCommitted.Clear();
+    FMiniUsed.Clear();
     FMini.clear();
     FRootChain.clear();
     FDirChain.clear();
@@ -356,7 +504,7 @@ class TCfbDoc {
     // Sectors present in the file (a short last sector counts).
     uint64_t Avail = (File.Size() - SectorSize + SectorSize - 1) / SectorSize;
     uint32_t NSect = static_cast<uint32_t>(std::min<uint64_t>(Avail, MAXREGSECT));
-    FUsed.assign(NSect, 0);
+    FUsed.Assign(NSect);
     const uint32_t PerSec = SectorSize / 4;
 
     // DIFAT: the header's 109 entries, then the DIFAT chain.
@@ -372,7 +520,7 @@ class TCfbDoc {
     FDifatSectors.clear();
     while (FatSecs.size() < NFat) {
       if (D >= NSect || FUsed[D] || FDifatSectors.size() >= NDifat + 1u) return STG_E_DOCFILECORRUPT;
-      FUsed[D] = 1;
+      FUsed.Set(D);
       FDifatSectors.push_back(D);
       if (Failed(Hr = ReadSector(D, Buf.data()))) return Hr;
       for (uint32_t I = 0; I + 1 < PerSec && FatSecs.size() < NFat; ++I)
@@ -382,29 +530,51 @@ class TCfbDoc {
     // The FAT, cut to the sectors that exist.
     std::vector<uint32_t> Fat;
     Fat.reserve(static_cast<size_t>(NFat) * PerSec);
-    for (uint32_t S : FatSecs) {
-      if (S >= NSect || FUsed[S]) return STG_E_DOCFILECORRUPT;
-      FUsed[S] = 1;
-      if (Failed(Hr = ReadSector(S, Buf.data()))) return Hr;
-      for (uint32_t I = 0; I < PerSec; ++I) Fat.push_back(Get32(Buf.data() + 4 * I));
+    // Consecutive FAT sectors are read together, up to 64 KiB at a time.
+    const size_t Batch = std::max<size_t>(1, (64u << 10) / SectorSize);
+    for (size_t I = 0; I < FatSecs.size();) {
+      size_t N = 1;
+      while (I + N < FatSecs.size() && N < Batch && FatSecs[I + N] == FatSecs[I] + uint64_t(N)) ++N;
+      for (size_t K = 0; K < N; ++K) {
+        uint32_t S = FatSecs[I + K];
+        if (S >= NSect || FUsed[S]) return STG_E_DOCFILECORRUPT;
+        FUsed.Set(S);
+      }
+      Buf.resize(N * SectorSize);
+      if (Failed(Hr = File.ReadAt(SectorOffset(FatSecs[I]), Buf.data(), Buf.size()))) return Hr;
+      for (size_t K = 0; K < N * PerSec; ++K) Fat.push_back(Get32(Buf.data() + 4 * K));
+      I += N;
     }
     if (Fat.size() > NSect) Fat.resize(NSect);
-    FFatSectors = FatSecs;
+    FFatSectors.clear();
+    for (uint32_t S : FatSecs) FFatSectors.push_back(S);
 
     // Directory.
     if (Failed(Hr = FollowFat(Fat, Get32(H + 48), UINT32_MAX, FDirChain)) || FDirChain.empty())
       return STG_E_DOCFILECORRUPT;
     const uint32_t PerDir = SectorSize / DirEntrySize;
-    std::vector<uint8_t> DirBytes(FDirChain.size() * static_cast<size_t>(SectorSize));
-    if (Failed(Hr = ReadChain(FDirChain, DirBytes.data()))) return Hr;
     size_t NEnt = FDirChain.size() * PerDir;
     // Entries are parsed in place; those the tree does not reach are
     // cleared after the walk.
     std::vector<TEntry>& Raw = Entries;
     Raw.assign(NEnt, TEntry());
     std::vector<uint32_t> Left(NEnt), Right(NEnt), Child(NEnt), Start(NEnt);
+    // The directory is read a run of sectors at a time, at most 64 KiB, so
+    // that a large directory is never held twice (as bytes and as entries).
+    std::vector<uint8_t> DirBytes;
+    size_t DirFrom = 0, DirTo = 0;  // entries held in DirBytes
     for (size_t I = 0; I < NEnt; ++I) {
-      const uint8_t* P = DirBytes.data() + I * DirEntrySize;
+      if (I == DirTo) {
+        size_t Following = 0;
+        size_t Sec = I / PerDir;
+        uint32_t First = FDirChain.At(Sec, &Following);
+        size_t Count = std::min<size_t>(Following + 1, std::max<size_t>(1, (64u << 10) / SectorSize));
+        DirBytes.resize(Count * SectorSize);
+        if (Failed(Hr = File.ReadAt(SectorOffset(First), DirBytes.data(), DirBytes.size()))) return Hr;
+        DirFrom = I;
+        DirTo = I + Count * PerDir;
+      }
+      const uint8_t* P = DirBytes.data() + (I - DirFrom) * DirEntrySize;
       TEntry& E = Raw[I];
       E.Type = P[66];
       uint16_t Cb = Get16(P + 64);
@@ -448,7 +618,7 @@ class TCfbDoc {
     FMiniLoaded = false;
     size_t MiniCount = FMiniSize / MiniSectorSize;
     if (MiniFat.size() > MiniCount) MiniFat.resize(MiniCount);
-    FMiniUsed.assign(MiniCount, 0);
+    FMiniUsed.Assign(MiniCount);
 
     // Walk the tree from the root; every entry may be reached once.
     Entries[0].Serial = ++FSerial;
@@ -508,21 +678,15 @@ class TCfbDoc {
   // A sector free now and unused by the saved state (so that writing it
   // cannot damage what the header on disk describes).
   uint32_t AllocSector() {
-    size_t N = FUsed.size();
-    for (size_t I = FHint; I < N; ++I)
-      if (!FUsed[I] && !FCommitted[I]) {
-        FUsed[I] = 1;
-        FHint = I + 1;
-        return static_cast<uint32_t>(I);
-      }
-    FHint = N + 1;
-    FUsed.push_back(1);
-    FCommitted.push_back(0);
-    return static_cast<uint32_t>(N);
+    size_t I = FUsed.FindFree(FHint, &FCommitted);
+    if (I == FUsed.size()) FUsed.PushBack(false);
+    FUsed.Set(I);
+    FHint = I + 1;
+    return static_cast<uint32_t>(I);
   }
   void FreeSector(uint32_t S) {
     if (S < FUsed.size()) {
-      FUsed[S] = 0;
+      FUsed.Reset(S);
       if (S < FHint) FHint = S;
     }
   }
@@ -532,21 +696,18 @@ class TCfbDoc {
       FMini.assign(FMiniSize, 0);
       FMiniLoaded = true;
     }
-    size_t N = FMiniUsed.size();
-    for (size_t I = FMiniHint; I < N; ++I)
-      if (!FMiniUsed[I]) {
-        FMiniUsed[I] = 1;
-        FMiniHint = I + 1;
-        return static_cast<uint32_t>(I);
-      }
-    FMiniHint = N + 1;
-    FMiniUsed.push_back(1);
-    FMini.resize(FMiniUsed.size() * MiniSectorSize);
-    return static_cast<uint32_t>(N);
+    size_t I = FMiniUsed.FindFree(FMiniHint);
+    if (I == FMiniUsed.size()) {
+      FMiniUsed.PushBack(false);
+      FMini.resize(FMiniUsed.size() * MiniSectorSize);
+    }
+    FMiniUsed.Set(I);
+    FMiniHint = I + 1;
+    return static_cast<uint32_t>(I);
   }
   void FreeMini(uint32_t S) {
     if (S < FMiniUsed.size()) {
-      FMiniUsed[S] = 0;
+      FMiniUsed.Reset(S);
       if (S < FMiniHint) FMiniHint = S;
     }
   }
@@ -563,20 +724,21 @@ class TCfbDoc {
         uint64_t At = Pos + Done;
         uint32_t Off = static_cast<uint32_t>(At % MiniSectorSize);
         uint32_t Take = static_cast<uint32_t>(std::min<uint64_t>(MiniSectorSize - Off, N - Done));
-        uint64_t MiniOff = uint64_t(E.Chain[At / MiniSectorSize]) * MiniSectorSize + Off;
+        size_t Following = 0;
+        uint64_t MiniOff =
+            uint64_t(E.Chain.At(At / MiniSectorSize, &Following)) * MiniSectorSize + Off;
         if (FMiniLoaded) {
           std::memcpy(P + Done, FMini.data() + MiniOff, Take);
         } else {
           // Straight from the file: consecutive mini sectors that lie in
           // the same sector are one read.
-          size_t Idx = At / MiniSectorSize;
           uint64_t InSec = MiniOff % SectorSize;
-          while (Take < N - Done && Idx + 1 < E.Chain.size() && E.Chain[Idx + 1] == E.Chain[Idx] + 1 &&
-                 InSec + Take + MiniSectorSize <= SectorSize) {
-            ++Idx;
+          while (Take < N - Done && Following > 0 && InSec + Take + MiniSectorSize <= SectorSize) {
+            --Following;
             Take = static_cast<uint32_t>(std::min<uint64_t>(Take + MiniSectorSize, N - Done));
           }
-          HRESULT Hr = File.ReadAt(SectorOffset(FRootChain[MiniOff / SectorSize]) + InSec, P + Done, Take);
+          HRESULT Hr =
+              File.ReadAt(SectorOffset(FRootChain.At(MiniOff / SectorSize)) + InSec, P + Done, Take);
           if (Failed(Hr)) return Hr;
         }
         Done += Take;
@@ -588,14 +750,11 @@ class TCfbDoc {
       size_t Idx = At / SectorSize;
       uint32_t Off = static_cast<uint32_t>(At % SectorSize);
       // A run of consecutive sectors is one read.
-      size_t Last = Idx;
-      uint64_t Span = SectorSize - Off;
-      while (Span < N - Done && Last + 1 < E.Chain.size() && E.Chain[Last + 1] == E.Chain[Last] + 1) {
-        ++Last;
-        Span += SectorSize;
-      }
+      size_t Following = 0;
+      uint32_t S = E.Chain.At(Idx, &Following);
+      uint64_t Span = SectorSize - Off + uint64_t(Following) * SectorSize;
       uint32_t Take = static_cast<uint32_t>(std::min<uint64_t>(Span, N - Done));
-      HRESULT Hr = File.ReadAt(SectorOffset(E.Chain[Idx]) + Off, P + Done, Take);
+      HRESULT Hr = File.ReadAt(SectorOffset(S) + Off, P + Done, Take);
       if (Failed(Hr)) return Hr;
       Done += Take;
     }
@@ -624,7 +783,8 @@ class TCfbDoc {
         uint64_t At = Pos + Done;
         uint32_t Off = static_cast<uint32_t>(At % MiniSectorSize);
         uint32_t Take = std::min<uint32_t>(MiniSectorSize - Off, Len - Done);
-        std::memcpy(FMini.data() + E.Chain[At / MiniSectorSize] * MiniSectorSize + Off, P + Done, Take);
+        std::memcpy(FMini.data() + size_t(E.Chain.At(At / MiniSectorSize)) * MiniSectorSize + Off,
+                    P + Done, Take);
         Done += Take;
       }
       FMiniDirty = true;
@@ -635,7 +795,8 @@ class TCfbDoc {
       uint64_t At = Pos + Done;
       size_t Idx = At / SectorSize;
       uint32_t Off = static_cast<uint32_t>(At % SectorSize);
-      uint32_t S = E.Chain[Idx];
+      size_t Following = 0;
+      uint32_t S = E.Chain.At(Idx, &Following);
       if (S < FCommitted.size() && FCommitted[S]) {
         // The saved state owns this sector: write a copy elsewhere.
         uint32_t Take = std::min<uint32_t>(SectorSize - Off, Len - Done);
@@ -649,16 +810,15 @@ class TCfbDoc {
         HRESULT Hr = File.WriteAt(SectorOffset(NewS), Tmp.data(), SectorSize);
         if (Failed(Hr)) return Hr;
         FreeSector(S);
-        E.Chain[Idx] = NewS;
+        E.Chain.Set(Idx, NewS);
         Done += Take;
         continue;
       }
-      size_t Last = Idx;
+      // A run of consecutive sectors the saved state does not own is one
+      // write.
       uint64_t Span = SectorSize - Off;
-      while (Span < Len - Done && Last + 1 < E.Chain.size() &&
-             E.Chain[Last + 1] == E.Chain[Last] + 1 &&
-             !(E.Chain[Last + 1] < FCommitted.size() && FCommitted[E.Chain[Last + 1]])) {
-        ++Last;
+      for (uint32_t Next = S + 1; Span < Len - Done && Following > 0; ++Next, --Following) {
+        if (Next < FCommitted.size() && FCommitted[Next]) break;
         Span += SectorSize;
       }
       uint32_t Take = static_cast<uint32_t>(std::min<uint64_t>(Span, Len - Done));
@@ -713,9 +873,7 @@ class TCfbDoc {
     uint32_t Unit = NowMini ? MiniSectorSize : SectorSize;
     size_t Need = static_cast<size_t>((NewSize + Unit - 1) / Unit);
     if (Need < E.Chain.size()) {
-      for (size_t I = Need; I < E.Chain.size(); ++I)
-        NowMini ? FreeMini(E.Chain[I]) : FreeSector(E.Chain[I]);
-      E.Chain.resize(Need);
+      FreeChain(E.Chain, NowMini, Need);
     } else if (Need > E.Chain.size()) {
       if (NowMini) {
         FMiniDirty = true;
@@ -745,9 +903,16 @@ class TCfbDoc {
       E.Chain.clear();
       return;
     }
-    bool Mini = IsMini(E);
-    for (uint32_t S : E.Chain) Mini ? FreeMini(S) : FreeSector(S);
-    E.Chain.clear();
+    FreeChain(E.Chain, IsMini(E));
+  }
+
+  // Frees the sectors of a chain from index From on and cuts it there.
+  void FreeChain(TChain& Chain, bool Mini, size_t From = 0) {
+    for (const TChain::TRun& R : Chain.Runs())
+      for (uint64_t K = From > R.Start ? From - R.Start : 0; K < R.Count; ++K)
+        Mini ? FreeMini(static_cast<uint32_t>(R.Sector + K))
+             : FreeSector(static_cast<uint32_t>(R.Sector + K));
+    Chain.Shrink(From);
   }
 
   // -- directory ------------------------------------------------------------
@@ -824,13 +989,12 @@ class TCfbDoc {
     while (MiniCount > 0 && !FMiniUsed[MiniCount - 1]) --MiniCount;
     if ((MiniCount != FMiniUsed.size() || FMiniDirty) && Failed(Hr = EnsureMini())) return Hr;
     if (MiniCount != FMiniUsed.size()) {
-      FMiniUsed.resize(MiniCount);
+      FMiniUsed.Resize(MiniCount);
       FMini.resize(MiniCount * MiniSectorSize);
       FMiniDirty = true;
     }
     if (FMiniDirty) {
-      for (uint32_t S : FRootChain) FreeSector(S);
-      FRootChain.clear();
+      FreeChain(FRootChain, false);
       AllocChain(FRootChain, (FMini.size() + SectorSize - 1) / SectorSize);
       if (Failed(Hr = WriteChain(FRootChain, FMini.data(), FMini.size()))) return Hr;
     }
@@ -842,8 +1006,7 @@ class TCfbDoc {
       Bytes.assign(Count * 4, 0xFF);
       for (const TEntry& E : Entries)
         if (E.Type == ObjStream && !E.Damaged && IsMini(E)) LinkChain(Bytes, E.Chain);
-      for (uint32_t S : FMiniFatChain) FreeSector(S);
-      FMiniFatChain.clear();
+      FreeChain(FMiniFatChain, false);
       AllocChain(FMiniFatChain, Count / PerSec);
       if (Failed(Hr = WriteChain(FMiniFatChain, Bytes.data(), Bytes.size()))) return Hr;
     }
@@ -888,29 +1051,26 @@ class TCfbDoc {
       uint64_t Size = E.Size;
       if (E.Type == ObjRoot) {
         Size = FMiniLoaded ? FMini.size() : FMiniSize;
-        if (!FRootChain.empty()) Start = FRootChain[0];
+        if (!FRootChain.empty()) Start = FRootChain.front();
       } else if (E.Type == ObjStorage) {
         Start = 0;
         Size = 0;
       } else if (E.Damaged) {
         Size = 0;  // nothing of it could be read
       } else if (!E.Chain.empty()) {
-        Start = E.Chain[0];
+        Start = E.Chain.front();
       }
       Put32(P + 116, Start);
       Put64(P + 120, Size);
     }
-    for (uint32_t S : FDirChain) FreeSector(S);
-    FDirChain.clear();
+    FreeChain(FDirChain, false);
     AllocChain(FDirChain, NDir);
     if (Failed(Hr = WriteChain(FDirChain, Bytes.data(), Bytes.size()))) return Hr;
 
     // FAT and DIFAT: their own sectors are counted in the FAT, so size them
     // until the count stops changing.
-    for (uint32_t S : FFatSectors) FreeSector(S);
-    for (uint32_t S : FDifatSectors) FreeSector(S);
-    FFatSectors.clear();
-    FDifatSectors.clear();
+    FreeChain(FFatSectors, false);
+    FreeChain(FDifatSectors, false);
     for (;;) {
       size_t Total = FUsed.size();
       size_t NFat = (Total + PerSec - 1) / PerSec;
@@ -920,21 +1080,7 @@ class TCfbDoc {
       while (FDifatSectors.size() < NDifat) FDifatSectors.push_back(AllocSector());
     }
     if (FUsed.size() > MAXREGSECT) return STG_E_DOCFILETOOLARGE;
-    std::vector<uint8_t> Fat(FFatSectors.size() * static_cast<size_t>(SectorSize), 0xFF);
-    for (const TEntry& E : Entries)
-      if (E.Type == ObjStream && !E.Damaged && !IsMini(E)) LinkChain(Fat, E.Chain);
-    LinkChain(Fat, FRootChain);
-    LinkChain(Fat, FMiniFatChain);
-    LinkChain(Fat, FDirChain);
-    for (uint32_t S : FFatSectors) Put32(Fat.data() + 4 * size_t(S), FATSECT);
-    for (uint32_t S : FDifatSectors) Put32(Fat.data() + 4 * size_t(S), DIFSECT);
-    // Sectors still in use whose chain is not known (damaged streams) stay
-    // allocated, as one-sector chains.
-    for (size_t S = 0; S < FUsed.size(); ++S)
-      if (FUsed[S] && Get32(Fat.data() + 4 * S) == FREESECT) Put32(Fat.data() + 4 * S, ENDOFCHAIN);
-    for (size_t I = 0; I < FFatSectors.size(); ++I)
-      if (Failed(Hr = File.WriteAt(SectorOffset(FFatSectors[I]), Fat.data() + I * SectorSize, SectorSize)))
-        return Hr;
+    if (Failed(Hr = WriteFat())) return Hr;
     std::vector<uint8_t> Sec(SectorSize);
     for (size_t D = 0; D < FDifatSectors.size(); ++D) {
       std::fill(Sec.begin(), Sec.end(), 0xFF);
@@ -960,11 +1106,11 @@ class TCfbDoc {
     Put16(H.data() + 32, 6);
     Put32(H.data() + 40, Major == 4 ? static_cast<uint32_t>(FDirChain.size()) : 0);
     Put32(H.data() + 44, static_cast<uint32_t>(FFatSectors.size()));
-    Put32(H.data() + 48, FDirChain[0]);
+    Put32(H.data() + 48, FDirChain.front());
     Put32(H.data() + 56, MiniCutoff);
-    Put32(H.data() + 60, FMiniFatChain.empty() ? ENDOFCHAIN : FMiniFatChain[0]);
+    Put32(H.data() + 60, FMiniFatChain.empty() ? ENDOFCHAIN : FMiniFatChain.front());
     Put32(H.data() + 64, static_cast<uint32_t>(FMiniFatChain.size()));
-    Put32(H.data() + 68, FDifatSectors.empty() ? ENDOFCHAIN : FDifatSectors[0]);
+    Put32(H.data() + 68, FDifatSectors.empty() ? ENDOFCHAIN : FDifatSectors.front());
     Put32(H.data() + 72, static_cast<uint32_t>(FDifatSectors.size()));
     for (uint32_t I = 0; I < HeaderDifatCount; ++I)
       Put32(H.data() + 76 + 4 * I, I < FFatSectors.size() ? FFatSectors[I] : FREESECT);
@@ -999,58 +1145,134 @@ class TCfbDoc {
 
   HRESULT ReadSector(uint32_t S, uint8_t* Buf) { return File.ReadAt(SectorOffset(S), Buf, SectorSize); }
 
-  HRESULT ReadChain(const std::vector<uint32_t>& Chain, uint8_t* Buf) {
-    for (size_t I = 0; I < Chain.size(); ++I) {
-      HRESULT Hr = ReadSector(Chain[I], Buf + I * SectorSize);
+  // Reads the sectors of Chain into Buf, a run of consecutive sectors at a
+  // time.
+  HRESULT ReadChain(const TChain& Chain, uint8_t* Buf) {
+    for (const TChain::TRun& R : Chain.Runs()) {
+      HRESULT Hr = File.ReadAt(SectorOffset(R.Sector), Buf + R.Start * SectorSize,
+                               size_t(R.Count) * SectorSize);
       if (Failed(Hr)) return Hr;
     }
     return S_OK;
   }
 
-  HRESULT WriteChain(const std::vector<uint32_t>& Chain, const uint8_t* Data, size_t Len) {
-    std::vector<uint8_t> Sec(SectorSize);
-    for (size_t I = 0; I < Chain.size(); ++I) {
-      size_t Off = I * SectorSize;
-      size_t N = std::min<size_t>(SectorSize, Len - std::min(Len, Off));
-      const uint8_t* Src = Data + Off;
-      if (N < SectorSize) {
-        std::fill(Sec.begin(), Sec.end(), 0);
-        if (N) std::memcpy(Sec.data(), Src, N);
-        Src = Sec.data();
+  // Writes Len bytes of Data to the sectors of Chain, a run at a time; the
+  // part of the last sector past Len is written as zeros.
+  HRESULT WriteChain(const TChain& Chain, const uint8_t* Data, size_t Len) {
+    for (const TChain::TRun& R : Chain.Runs()) {
+      size_t Off = static_cast<size_t>(R.Start) * SectorSize;
+      size_t Span = size_t(R.Count) * SectorSize;
+      size_t Whole = std::min(Span, Len - std::min(Len, Off)) / SectorSize * SectorSize;
+      HRESULT Hr = File.WriteAt(SectorOffset(R.Sector), Data + Off, Whole);
+      for (size_t At = Whole; Succeeded(Hr) && At < Span; At += SectorSize) {
+        std::vector<uint8_t> Sec(SectorSize, 0);
+        size_t N = std::min<size_t>(SectorSize, Len - std::min(Len, Off + At));
+        if (N) std::memcpy(Sec.data(), Data + Off + At, N);
+        Hr = File.WriteAt(SectorOffset(static_cast<uint32_t>(R.Sector + At / SectorSize)), Sec.data(),
+                          SectorSize);
       }
-      HRESULT Hr = File.WriteAt(SectorOffset(Chain[I]), Src, SectorSize);
       if (Failed(Hr)) return Hr;
     }
     return S_OK;
   }
 
-  void AllocChain(std::vector<uint32_t>& Chain, uint64_t Count) {
+  // Writes the FAT sector by sector without holding the whole table: the
+  // chains in use are listed as runs sorted by sector, and each FAT sector
+  // is filled from the runs that cross it.
+  HRESULT WriteFat() {
+    struct TSpan {
+      uint32_t First, Count;
+      uint32_t Tail;  // the value of the last entry (or of every entry when Fixed)
+      bool Fixed;
+    };
+    std::vector<TSpan> Spans;
+    auto AddChain = [&](const TChain& C) {
+      const auto& Runs = C.Runs();
+      for (size_t I = 0; I < Runs.size(); ++I)
+        Spans.push_back({Runs[I].Sector, Runs[I].Count,
+                         I + 1 < Runs.size() ? Runs[I + 1].Sector : ENDOFCHAIN, false});
+    };
+    auto AddFixed = [&](const TChain& C, uint32_t V) {
+      for (const TChain::TRun& R : C.Runs()) Spans.push_back({R.Sector, R.Count, V, true});
+    };
+    for (const TEntry& E : Entries)
+      if (E.Type == ObjStream && !E.Damaged && !IsMini(E)) AddChain(E.Chain);
+    AddChain(FRootChain);
+    AddChain(FMiniFatChain);
+    AddChain(FDirChain);
+    AddFixed(FFatSectors, FATSECT);
+    AddFixed(FDifatSectors, DIFSECT);
+    std::sort(Spans.begin(), Spans.end(),
+              [](const TSpan& A, const TSpan& B) { return A.First < B.First; });
+
+    const uint32_t PerSec = SectorSize / 4;
+    // Consecutive FAT sectors are written together, up to 64 KiB at a time.
+    const size_t Batch = std::max<size_t>(1, (64u << 10) / SectorSize);
+    std::vector<uint8_t> Buf;
+    size_t Next = 0;  // first span that may still cross a FAT sector
+    const auto& FatRuns = FFatSectors.Runs();
+    for (const TChain::TRun& Run : FatRuns) {
+      for (uint64_t Done = 0; Done < Run.Count;) {
+        size_t N = static_cast<size_t>(std::min<uint64_t>(Batch, Run.Count - Done));
+        Buf.assign(N * SectorSize, 0xFF);
+        for (size_t K = 0; K < N; ++K) {
+          uint64_t Lo = (Run.Start + Done + K) * PerSec, Hi = Lo + PerSec;
+          uint8_t* Out = Buf.data() + K * SectorSize;
+          while (Next < Spans.size() && uint64_t(Spans[Next].First) + Spans[Next].Count <= Lo) ++Next;
+          for (size_t J = Next; J < Spans.size() && Spans[J].First < Hi; ++J) {
+            const TSpan& Sp = Spans[J];
+            uint64_t End = uint64_t(Sp.First) + Sp.Count;
+            for (uint64_t S = std::max<uint64_t>(Sp.First, Lo); S < std::min(End, Hi); ++S) {
+              uint32_t V = Sp.Fixed || S + 1 == End ? Sp.Tail : static_cast<uint32_t>(S + 1);
+              Put32(Out + 4 * (S - Lo), V);
+            }
+          }
+          // Sectors still in use whose chain is not known (damaged streams)
+          // stay allocated, as one-sector chains.
+          for (uint64_t S = Lo; S < std::min<uint64_t>(Hi, FUsed.size()); ++S)
+            if (FUsed[S] && Get32(Out + 4 * (S - Lo)) == FREESECT) Put32(Out + 4 * (S - Lo), ENDOFCHAIN);
+        }
+        HRESULT Hr = File.WriteAt(SectorOffset(static_cast<uint32_t>(Run.Sector + Done)), Buf.data(),
+                                  Buf.size());
+        if (Failed(Hr)) return Hr;
+        Done += N;
+      }
+    }
+    return S_OK;
+  }
+
+  void AllocChain(TChain& Chain, uint64_t Count) {
     while (Chain.size() < Count) Chain.push_back(AllocSector());
   }
-  void AllocMiniChain(std::vector<uint32_t>& Chain, uint64_t Count) {
+  void AllocMiniChain(TChain& Chain, uint64_t Count) {
     while (Chain.size() < Count) Chain.push_back(AllocMini());
   }
 
-  static void LinkChain(std::vector<uint8_t>& Table, const std::vector<uint32_t>& Chain) {
-    for (size_t I = 0; I < Chain.size(); ++I)
-      Put32(Table.data() + 4 * size_t(Chain[I]), I + 1 < Chain.size() ? Chain[I + 1] : ENDOFCHAIN);
+  static void LinkChain(std::vector<uint8_t>& Table, const TChain& Chain) {
+    const auto& Runs = Chain.Runs();
+    for (size_t I = 0; I < Runs.size(); ++I)
+      for (uint32_t K = 0; K < Runs[I].Count; ++K)
+        Put32(Table.data() + 4 * (size_t(Runs[I].Sector) + K),
+              K + 1 < Runs[I].Count ? Runs[I].Sector + K + 1
+              : I + 1 < Runs.size() ? Runs[I + 1].Sector
+                                    : ENDOFCHAIN);
   }
 
   // Follows a FAT chain from Start for at most Need sectors (all of it
   // when Need is UINT32_MAX). Every sector must exist and be used once in
   // the whole file; a chain shorter than Need is damage.
-  HRESULT FollowFat(const std::vector<uint32_t>& Fat, uint32_t Start, uint64_t Need,
-                    std::vector<uint32_t>& Out) {
+  HRESULT FollowFat(const std::vector<uint32_t>& Fat, uint32_t Start, uint64_t Need, TChain& Out) {
     Out.clear();
     uint32_t S = Start;
     while (Out.size() < Need) {
       if (S == ENDOFCHAIN && Need == UINT32_MAX) break;
       if (S >= Fat.size() || FUsed[S]) {
-        for (uint32_t T : Out) FUsed[T] = 0;
+        for (const TChain::TRun& R : Out.Runs())
+          for (uint32_t K = 0; K < R.Count; ++K) FUsed.Reset(R.Sector + K);
         Out.clear();
         return STG_E_DOCFILECORRUPT;
       }
-      FUsed[S] = 1;
+      FUsed.Set(S);
       Out.push_back(S);
       S = Fat[S];
     }
@@ -1058,16 +1280,17 @@ class TCfbDoc {
   }
 
   HRESULT FollowMini(const std::vector<uint32_t>& MiniFat, uint32_t Start, uint64_t Need,
-                     std::vector<uint32_t>& Out) {
+                     TChain& Out) {
     Out.clear();
     uint32_t S = Start;
     while (Out.size() < Need) {
       if (S >= MiniFat.size() || FMiniUsed[S]) {
-        for (uint32_t T : Out) FMiniUsed[T] = 0;
+        for (const TChain::TRun& R : Out.Runs())
+          for (uint32_t K = 0; K < R.Count; ++K) FMiniUsed.Reset(R.Sector + K);
         Out.clear();
         return STG_E_DOCFILECORRUPT;
       }
-      FMiniUsed[S] = 1;
+      FMiniUsed.Set(S);
       Out.push_back(S);
       S = MiniFat[S];
     }
@@ -1114,16 +1337,16 @@ class TCfbDoc {
 
   uint16_t FShift = 9;
   TCLSID FHeaderClsid;
-  std::vector<uint8_t> FUsed;       // sectors in use now
-  std::vector<uint8_t> FCommitted;  // sectors in use by the saved state
+  TBits FUsed;       // sectors in use now
+  TBits FCommitted;  // sectors in use by the saved state
   size_t FHint = 0;
   std::vector<uint8_t> FMini;      // the mini stream's contents, once loaded
   bool FMiniLoaded = false;
   uint64_t FMiniSize = 0;          // its size in the file
-  std::vector<uint8_t> FMiniUsed;  // mini sectors in use
+  TBits FMiniUsed;                 // mini sectors in use
   size_t FMiniHint = 0;
   bool FMiniDirty = false;
-  std::vector<uint32_t> FRootChain, FDirChain, FMiniFatChain, FFatSectors, FDifatSectors;
+  TChain FRootChain, FDirChain, FMiniFatChain, FFatSectors, FDifatSectors;
   bool FDirty = false;
   uint64_t FSerial = 0;
   size_t FEntryHint = 1;

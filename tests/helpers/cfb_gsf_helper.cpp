@@ -5,7 +5,7 @@
 //                                             or "F path size seed" (stream)
 //   cfb_gsf_helper list FILE                  one line per element, depth
 //                                             first: path TAB type TAB size
-//                                             TAB crc32 ("-" for storages)
+//                                             TAB adler32 ("-" for storages)
 //
 // Paths use "/"; stream byte j is (j * 131 + seed * 7 + (j >> 8)) & 0xFF.
 #include <gsf/gsf.h>
@@ -50,7 +50,8 @@ static int Write(const char* Path, unsigned Sector) {
     if (std::scanf("%lu %lu", &Size, &Seed) != 2) return Fail("layout", nullptr);
     GsfOutput* S = gsf_outfile_new_child(Dir, Leaf.c_str(), FALSE);
     std::vector<guint8> Buf(Size);
-    for (unsigned long J = 0; J < Size; ++J) Buf[J] = static_cast<guint8>((J * 131 + Seed * 7 + (J >> 8)) & 0xFF);
+    for (unsigned long J = 0; J < Size; ++J)
+      Buf[J] = static_cast<guint8>((J * 131 + Seed * 7 + (J >> 8)) & 0xFF);
     if (Size && !gsf_output_write(S, Size, Buf.data())) return Fail("gsf_output_write", nullptr);
     gsf_output_close(S);
     g_object_unref(S);
@@ -64,13 +65,13 @@ static int Write(const char* Path, unsigned Sector) {
   return 0;
 }
 
-static uint32_t Crc(uint32_t C, const guint8* P, size_t N) {
-  C = ~C;
+static uint32_t Adler(uint32_t Sum, const guint8* P, size_t N) {
+  uint32_t A = Sum & 0xFFFF, B = Sum >> 16;
   while (N--) {
-    C ^= *P++;
-    for (int K = 0; K < 8; ++K) C = C & 1 ? 0xEDB88320u ^ (C >> 1) : C >> 1;
+    A = (A + *P++) % 65521;
+    B = (B + A) % 65521;
   }
-  return ~C;
+  return B << 16 | A;
 }
 
 static void List(GsfInfile* Dir, const std::string& Prefix) {
@@ -83,13 +84,13 @@ static void List(GsfInfile* Dir, const std::string& Prefix) {
       List(GSF_INFILE(Child), Path + "/");
     } else {
       gsf_off_t Size = gsf_input_size(Child);
-      uint32_t Sum = 0;
+      uint32_t Sum = 1;
       gsf_off_t Pos = 0;
       while (Pos < Size) {
         size_t Want = static_cast<size_t>(Size - Pos < 65536 ? Size - Pos : 65536);
         const guint8* Data = gsf_input_read(Child, Want, nullptr);
         if (!Data) break;
-        Sum = Crc(Sum, Data, Want);
+        Sum = Adler(Sum, Data, Want);
         Pos += static_cast<gsf_off_t>(Want);
       }
       std::printf("%s\t2\t%lld\t%08x\n", Path.c_str(), static_cast<long long>(Size), Sum);
@@ -99,7 +100,8 @@ static void List(GsfInfile* Dir, const std::string& Prefix) {
 }
 
 int main(int Argc, char** Argv) {
-  if (Argc >= 4 && !std::strcmp(Argv[1], "write")) return Write(Argv[2], static_cast<unsigned>(std::atoi(Argv[3])));
+  if (Argc >= 4 && !std::strcmp(Argv[1], "write"))
+    return Write(Argv[2], static_cast<unsigned>(std::atoi(Argv[3])));
   if (Argc >= 3 && !std::strcmp(Argv[1], "list")) {
     GError* Err = nullptr;
     GsfInput* Src = gsf_input_stdio_new(Argv[2], &Err);
