@@ -3,32 +3,24 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
 #include "vel/OleStorage.h"
 
 namespace storage_test {
 
 using TNames = std::vector<std::string>;
 
+// A fixture over the shared scratch folder of a case.
 class ScratchDir : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* Base = std::getenv("VEL_TEST_TMPDIR");
-    std::string Tmpl = std::string(Base && *Base ? Base : "/tmp") + "/vel_stg_XXXXXX";
-    std::filesystem::create_directories(std::filesystem::path(Tmpl).parent_path());
-    ASSERT_NE(::mkdtemp(Tmpl.data()), nullptr);
-    Dir = Tmpl;
-  }
-  void TearDown() override { std::filesystem::remove_all(Dir); }
-  std::string Path(const std::string& Name) const { return Dir + "/" + Name; }
-  std::string Dir;
+  std::string Path(const std::string& Name) const { return Scratch.Path(Name); }
+  vel_test::TScratch Scratch;
+  const std::string& Dir = Scratch.Dir;
 };
 
 // "<class>: <message>" of what F raises, or "<no exception>".

@@ -13,7 +13,7 @@
 #include <random>
 #include <vector>
 
-#include "file_test_util.h"
+#include "TestSupport.h"
 #include "storage_test_util.h"
 #include "vel/Cryption.h"
 #include "vel/rtl/Messages.h"
@@ -105,8 +105,8 @@ class CryptFiles : public storage_test::ScratchDir {
     SetDialogSink(Saved);
     ScratchDir::TearDown();
   }
-  void Put(const std::string& Name, const Bytes& Data) { file_test::WriteAll(Path(Name), Data); }
-  static Bytes Get(const std::string& Full) { return file_test::ReadAll(Full); }
+  void Put(const std::string& Name, const Bytes& Data) { vel_test::WriteFile(Path(Name), Data); }
+  static Bytes Get(const std::string& Full) { return vel_test::ReadFile(Full); }
   // Encrypts Data from data.doc (data.znd), checks the file against the
   // reference and decrypts it back.
   void RoundTrip(const Bytes& Phrase, const Bytes& Data, bool Znd) {

@@ -10,14 +10,14 @@
 #include <filesystem>
 #include <fstream>
 
-#include "ThreadTestUtil.h"
+#include "thread_test_util.h"
 #include "vel/OleUtils.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
-using threadtest::WaitServing;
+using veltest::WaitServing;
 
 namespace {
 

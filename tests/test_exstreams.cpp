@@ -4,7 +4,7 @@
 
 #include <sys/stat.h>
 
-#include "file_test_util.h"
+#include "TestSupport.h"
 #include "storage_test_util.h"
 #include "vel/ExStreams.h"
 #include "vel/rtl/SysUtils.h"
@@ -23,7 +23,7 @@ class TextStreamFiles : public storage_test::ScratchDir {
     FormatSettings = Saved;
     ScratchDir::TearDown();
   }
-  std::string Get(const std::string& Name) { return file_test::ReadAll(Path(Name)); }
+  std::string Get(const std::string& Name) { return vel_test::ReadFile(Path(Name)); }
   TFormatSettings Saved;
 };
 

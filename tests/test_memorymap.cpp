@@ -17,7 +17,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "file_test_util.h"
+#include "TestSupport.h"
 #include "vel/ExtendedClasses.h"
 #include "vel/rtl/Streams.h"
 
@@ -55,7 +55,7 @@ TEST_F(MemoryMap, FailuresNameTheFileAndReleaseEverything) {
   EXPECT_EQ(ErrorOf([&] { TMemoryMapFile M(Missing, fmOpenRead, 0); }),
             "Unable to load file " + Missing + " for memory mapping");
 
-  file_test::WriteAll(Path("data.bin"), "content");
+  vel_test::WriteFile(Path("data.bin"), "content");
   const std::string Data = Path("data.bin");
   // Pages for writing need a file opened for reading and writing.
   for (const int32_t Mode : {int32_t(fmOpenWrite), int32_t(fmOpenRead | fmShareDenyNone)}) {
@@ -75,7 +75,7 @@ TEST_F(MemoryMap, FailuresNameTheFileAndReleaseEverything) {
 }
 
 TEST_F(MemoryMap, ReadOnlyViewFaultsOnWrite) {
-  file_test::WriteAll(Path("ro.bin"), "read only bytes");
+  vel_test::WriteFile(Path("ro.bin"), "read only bytes");
   TMemoryMapFile M(Path("ro.bin"), fmOpenRead, 0);
   ASSERT_NE(M.Data(), nullptr);
   EXPECT_EQ(M.FileSize(), 15u);
@@ -96,11 +96,11 @@ TEST_F(MemoryMap, ReadOnlyViewFaultsOnWrite) {
   ASSERT_EQ(::waitpid(Child, &Status, 0), Child);
   ASSERT_TRUE(WIFSIGNALED(Status)) << "the write did not fault";
   EXPECT_TRUE(WTERMSIG(Status) == SIGSEGV || WTERMSIG(Status) == SIGBUS);
-  EXPECT_EQ(file_test::ReadAll(Path("ro.bin")), "read only bytes");
+  EXPECT_EQ(vel_test::ReadFile(Path("ro.bin")), "read only bytes");
 }
 
 TEST_F(MemoryMap, ReadWriteViewChangesTheFileAndIgnoresGrowth) {
-  file_test::WriteAll(Path("rw.bin"), "abcdef");
+  vel_test::WriteFile(Path("rw.bin"), "abcdef");
   {
     TMemoryMapFile M(Path("rw.bin"), fmOpenReadWrite, 0);
     EXPECT_EQ(M.Mode(), fmOpenReadWrite);
@@ -108,7 +108,7 @@ TEST_F(MemoryMap, ReadWriteViewChangesTheFileAndIgnoresGrowth) {
     std::ofstream(Path("rw.bin"), std::ios::binary | std::ios::app) << "more";
     EXPECT_EQ(M.FileSize(), 6u);
   }
-  EXPECT_EQ(file_test::ReadAll(Path("rw.bin")), "XYcdefmore");
+  EXPECT_EQ(vel_test::ReadFile(Path("rw.bin")), "XYcdefmore");
 }
 
 TEST_F(MemoryMap, FilesOf4GiBAreRefused) {

@@ -7,12 +7,12 @@
 #include <filesystem>
 #include <thread>
 
-#include "ThreadTestUtil.h"
+#include "thread_test_util.h"
 #include "vel/OleUtils.h"
 #include "vel/rtl/TypInfo.h"
 
 using namespace vel;
-using threadtest::WaitServing;
+using veltest::WaitServing;
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <tuple>
 #include <vector>
 
-#include "file_test_util.h"
+#include "TestSupport.h"
 #include "storage_test_util.h"
 #include "vel/rtl/SysUtils.h"
 
@@ -601,7 +601,7 @@ TEST_F(FileNames, FileSystemOperations) {
   EXPECT_FALSE(ForceDirectories(""));
   const std::string File = Deep + "/f.txt";
   EXPECT_FALSE(FileExists(File));
-  file_test::WriteAll(File, "");
+  vel_test::WriteFile(File, "");
   EXPECT_TRUE(FileExists(File));
   EXPECT_FALSE(FileExists(Deep));  // a directory is not a file
   EXPECT_FALSE(DirectoryExists(File));

@@ -1,5 +1,6 @@
 // Helpers shared by the message, thread, notification and list tests:
-// serving the main thread while waiting, catching an exception's class and
+// serving the main thread while waiting (also for the database and COM
+// thread tests), catching an exception's class and
 // text, and collecting the message boxes the application would show.
 #pragma once
 
@@ -22,6 +23,17 @@ inline bool PumpUntil(const std::function<bool()>& Done, int Ms = 10000) {
     if (std::chrono::steady_clock::now() > End) return false;
     vel::Application->ProcessMessages();
     vel::CheckSynchronize(2);
+  }
+  return true;
+}
+
+// Waits for Done while serving only the main thread's Synchronize requests
+// (no posted messages); false when Seconds pass first.
+inline bool WaitServing(const std::function<bool()>& Done, int Seconds = 60) {
+  const auto End = std::chrono::steady_clock::now() + std::chrono::seconds(Seconds);
+  while (!Done()) {
+    if (std::chrono::steady_clock::now() > End) return false;
+    vel::CheckSynchronize(5);
   }
   return true;
 }
