@@ -38,16 +38,16 @@ list(APPEND VEL_PC_REQUIRES_PRIVATE libcrypto++)
 
 # SOCI (libsoci-dev): the database connection. Debian ships neither a CMake
 # package nor a pkg-config file for it, so the core and the backends the
-# library uses are found by name.
+# library uses are found by name. The core and the SQLite backend are
+# linked; the PostgreSQL and ODBC backends are loaded by SOCI at their first
+# use, so they are only checked for here.
 find_path(SOCI_INCLUDE_DIR soci/soci.h REQUIRED)
 foreach(Lib soci_core soci_sqlite3 soci_postgresql soci_odbc)
   find_library(VEL_${Lib}_LIBRARY ${Lib} REQUIRED)
 endforeach()
 add_library(vel_soci INTERFACE IMPORTED GLOBAL)
 target_include_directories(vel_soci INTERFACE "${SOCI_INCLUDE_DIR}")
-target_link_libraries(vel_soci INTERFACE
-  ${VEL_soci_core_LIBRARY} ${VEL_soci_sqlite3_LIBRARY}
-  ${VEL_soci_postgresql_LIBRARY} ${VEL_soci_odbc_LIBRARY})
+target_link_libraries(vel_soci INTERFACE ${VEL_soci_core_LIBRARY} ${VEL_soci_sqlite3_LIBRARY})
 list(APPEND VEL_PRIVATE_LIBS vel_soci)
 
 # CLI11 (libcli11-dev, header only): the vel tool's command line.
