@@ -146,7 +146,9 @@ TEST(ObjectText, EveryKindGoesToTextAndBackToTheSameBytes) {
     A.Long = std::string(63 + I, 'x') + "''\x01" + std::string(I * 30, '\xFF');
     A.Wide = std::u16string(60 + I, u'w') + u"\u0080\u20AC" + char16_t(0xDC00) +
              std::u16string(70, u'\u4E2D');
-    A.Var = I % 2 ? Variant(std::u16string(u"\u4E2D")) : Variant(Currency::FromScaled(-1));
+    const Variant Vars[] = {Variant(std::u16string(u"\u4E2D")), Variant(Currency::FromScaled(-1)),
+                            Variant(1.5)};
+    A.Var = Vars[I % 3];
     A.Blob = std::string(31 + I, '\x5A');
     for (int K = 0; K < 3; ++K) static_cast<TColItem*>(A.Items->Add())->Width = K * 1000;
     A.Lines->SetText(std::string(I * 20, 'L') + "\r\n#\r\n");
