@@ -85,4 +85,9 @@ class TPart : public TComponent {
   int32_t Size = 0;
 };
 
+// Gives E ("Root") a value of every kind, two collection items, three
+// lines, binary data, a bound event and an owned tree Child (TEveryKind) >
+// Grand (TPart), with references to both.
+void FillEveryKind(TEveryKind& E);
+
 }  // namespace stream_test

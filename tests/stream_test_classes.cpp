@@ -32,6 +32,46 @@ void TEveryKind::Loaded() {
   Log.push_back("Loaded " + Name() + (Buddy ? " buddy=" + Buddy->Name() : std::string()));
 }
 
+void FillEveryKind(TEveryKind& E) {
+  E.SetName("Root");
+  E.Int = -5;
+  E.Big = 1LL << 40;
+  E.Ch = '\'';
+  E.WCh = u'\u03A9';
+  E.Shape = shTriangle;
+  E.Flag = true;
+  E.Styles = {stBold, stUnderline};
+  E.Sgl = 0.1f;
+  E.Dbl = 0.1;
+  E.Ext = 0.1L;
+  E.Cur = Currency::FromScaled(123456789);
+  E.Cmp = Comp(int64_t(-9000000000LL));
+  E.When = TDateTime(45000.75);
+  E.Short = ShortString("short");
+  E.Long = std::string(100, 'L') + "It's \x80\r\n";
+  E.Wide = u"Gr\u00FC\u00DFe \u20AC and \u4E2D";
+  E.Var = Variant(int32_t(77));
+  E.Font->Name = "Courier";
+  E.Font->Size = 12;
+  E.Font->Styles = {stItalic};
+  auto* I1 = static_cast<TColItem*>(E.Items->Add());
+  I1->Width = 40;
+  I1->Caption = "first";
+  static_cast<TColItem*>(E.Items->Add())->Caption = "second";
+  E.Lines->Add("alpha");
+  E.Lines->Add("");
+  E.Lines->Add("gamma 'quoted'");
+  E.Blob = std::string("\x00\x01\xFF\x7F", 4);
+  E.OnClick = TNotifyEvent::Bind<&TEveryKind::HandleClick>(&E);
+  auto* Child = new TEveryKind(&E);
+  Child->SetName("Child");
+  Child->Int = 1;
+  auto* Grand = new TPart(Child);
+  Grand->SetName("Grand");
+  E.Buddy = Grand;
+  I1->Link = Child;
+}
+
 }  // namespace stream_test
 
 using namespace stream_test;

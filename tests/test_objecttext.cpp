@@ -51,71 +51,54 @@ std::string TextError(const std::string& T) {
 
 TEST(ObjectText, TextOfEveryValueKind) {
   TEveryKind A;
-  A.SetName("Form1");
-  A.Int = -7;
-  A.Big = 5000000000LL;
-  A.Ch = '\'';
-  A.Shape = shTriangle;
-  A.Flag = true;
-  A.Styles = {stBold, stUnderline};
-  A.Sgl = 0.1f;
-  A.Dbl = 0.1;
-  A.Ext = 0.1L;
-  A.Cur = Currency::FromScaled(15000);
-  A.Cmp = Comp(int64_t(-5));
-  A.When = TDateTime(45000.5);
-  A.Short = ShortString("s");
-  A.Long = "It's \x80\r\n";
-  A.Wide = u"\u03A9";
-  A.Var = Variant(1.5);
-  A.Font->Name = "Arial";
-  static_cast<TColItem*>(A.Items->Add())->Width = 3;
-  A.Items->Add();
-  A.Lines->Add("a");
-  A.Lines->Add("");
-  A.Blob = "\x01\xAB";
-  A.OnClick = TNotifyEvent::Bind<&TEveryKind::HandleClick>(&A);
-  auto* Kid = new TEveryKind(&A);
-  Kid->SetName("Kid");
-  A.Buddy = Kid;
-
+  FillEveryKind(A);
   const std::string Expected =
-      "object Form1: TEveryKind\r\n"
-      "  Int = -7\r\n"
-      "  Big = 5000000000\r\n"
+      "object Root: TEveryKind\r\n"
+      "  Int = -5\r\n"
+      "  Big = 1099511627776\r\n"
       "  Ch = #39\r\n"
+      "  WCh = #937\r\n"
       "  Shape = shTriangle\r\n"
       "  Flag = True\r\n"
       "  Styles = [stBold, stUnderline]\r\n"
       "  Sgl = 0.1s\r\n"
       "  Dbl = 0.1\r\n"
       "  Ext = 1.0E-1\r\n"
-      "  Cur = 15000c\r\n"
-      "  Cmp = -5.0\r\n"
-      "  When = 45000.5d\r\n"
-      "  Short = 's'\r\n"
-      "  Long = 'It'#39's '#8364#13#10\r\n"
-      "  Wide = #937\r\n"
-      "  Var = 1.5\r\n"
-      "  Font.Name = 'Arial'\r\n"
+      "  Cur = 123456789c\r\n"
+      "  Cmp = -9000000000.0\r\n"
+      "  When = 45000.75d\r\n"
+      "  Short = 'short'\r\n"
+      "  Long = \r\n"
+      "    'LLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLL' +\r\n"
+      "    'LLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLLIt'#39's '#8364#13#10\r\n"
+      "  Wide = 'Gr'#252#223'e '#8364' and '#20013\r\n"
+      "  Var = 77\r\n"
+      "  Font.Name = 'Courier'\r\n"
+      "  Font.Size = 12\r\n"
+      "  Font.Styles = [stItalic]\r\n"
       "  Items = <\r\n"
       "    item\r\n"
-      "      Width = 3\r\n"
-      "      Link = nil\r\n"
+      "      Width = 40\r\n"
+      "      Caption = 'first'\r\n"
+      "      Link = Child\r\n"
       "    end\r\n"
       "    item\r\n"
+      "      Caption = 'second'\r\n"
       "      Link = nil\r\n"
       "    end>\r\n"
       "  Lines.Strings = (\r\n"
-      "    'a'\r\n"
-      "    '')\r\n"
-      "  Buddy = Kid\r\n"
+      "    'alpha'\r\n"
+      "    ''\r\n"
+      "    'gamma '#39'quoted'#39)\r\n"
+      "  Buddy = Child.Grand\r\n"
       "  OnClick = HandleClick\r\n"
-      "  Blob = {01AB}\r\n"
-      "  object Kid: TEveryKind\r\n"
-      "    Int = 0\r\n"
+      "  Blob = {0001FF7F}\r\n"
+      "  object Child: TEveryKind\r\n"
+      "    Int = 1\r\n"
       "    Items = <>\r\n"
       "    Buddy = nil\r\n"
+      "    object Grand: TPart\r\n"
+      "    end\r\n"
       "  end\r\n"
       "end\r\n";
   // Converted back, the text gives the writer's bytes; the input is left
@@ -163,7 +146,9 @@ TEST(ObjectText, EveryKindGoesToTextAndBackToTheSameBytes) {
     A.Long = std::string(63 + I, 'x') + "''\x01" + std::string(I * 30, '\xFF');
     A.Wide = std::u16string(60 + I, u'w') + u"\u0080\u20AC" + char16_t(0xDC00) +
              std::u16string(70, u'\u4E2D');
-    A.Var = I % 2 ? Variant(std::u16string(u"\u4E2D")) : Variant(Currency::FromScaled(-1));
+    const Variant Vars[] = {Variant(std::u16string(u"\u4E2D")), Variant(Currency::FromScaled(-1)),
+                            Variant(1.5)};
+    A.Var = Vars[I % 3];
     A.Blob = std::string(31 + I, '\x5A');
     for (int K = 0; K < 3; ++K) static_cast<TColItem*>(A.Items->Add())->Width = K * 1000;
     A.Lines->SetText(std::string(I * 20, 'L') + "\r\n#\r\n");
@@ -193,8 +178,6 @@ TEST(ObjectText, FloatsKeepTheirTypeAndLongValuesSplit) {
          A.Ext = 3.14L;
        },
        "  Dbl = 3.14\r\n  Ext = 3.14E0\r\n"},
-      {[](TEveryKind& A) { A.Long = std::string(64, 'a') + "bc"; },
-       "  Long = \r\n    '" + std::string(64, 'a') + "' +\r\n    'bc'\r\n"},
       {[](TEveryKind& A) { A.Long = std::string(63, 'a') + "\tz"; },
        "    '" + std::string(63, 'a') + "'#9 +\r\n    'z'\r\n"},
       {[](TEveryKind& A) { A.Long = std::string(64, 'q'); },

@@ -160,15 +160,6 @@ const Registered TheRegistration;
 
 }  // namespace
 
-TEST(BinaryStreamer, PointExampleBytes) {
-  TPoint2 P;
-  P.X = 5;
-  P.Caption = "ab";
-  Bytes Want;
-  Want.str("TPoint2").begin().str("Caption").str("ab").str("X").i8(5).end();
-  EXPECT_EQ(Hex(Save(&P)), Hex(Want.B));
-}
-
 TEST(BinaryStreamer, IntegerAndStringSizeTags) {
   struct Case {
     int32_t V;
@@ -217,8 +208,6 @@ TEST(BinaryStreamer, IntegerAndStringSizeTags) {
     Load(&Back, S);
     EXPECT_EQ(Back.Caption, P.Caption);
   }
-  // The empty signature is the two bytes 00 00.
-  EXPECT_EQ(Hex(Bytes().str("").B), "00 00 ");
 }
 
 TEST(BinaryStreamer, EveryPropertyKindBytes) {

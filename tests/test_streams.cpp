@@ -41,7 +41,8 @@ void ExpectRaise(F&& Fn, const std::string& Msg, const char* ClassName) {
 // socket or a decoder might: ReadBuffer/WriteBuffer must keep going.
 class TTrickleStream : public TStream {
  public:
-  TTrickleStream(std::string In, int64_t Step, int64_t Room) : FIn(std::move(In)), FStep(Step), FRoom(Room) {}
+  TTrickleStream(std::string In, int64_t Step, int64_t Room)
+      : FIn(std::move(In)), FStep(Step), FRoom(Room) {}
   int64_t Read(void* Buffer, int64_t Count) override {
     int64_t N = std::min({Count, FStep, static_cast<int64_t>(FIn.size()) - FPos});
     if (N <= 0) return 0;
@@ -106,6 +107,13 @@ TEST(Streams, BufferErrorsAndShortTransfers) {
   EXPECT_THROW(R.WriteU32LE(5), EFilerError);
   EXPECT_THROW(R.SetSize(0), EWriteError);
   EXPECT_NO_THROW(R.WriteBuffer(Buf, 0));
+  // The read-only view reads the foreign memory in place.
+  EXPECT_EQ(R.Memory(), Mem);
+  EXPECT_EQ(R.ReadU16LE(), 0x0201);
+  EXPECT_EQ(R.Seek(-1, soEnd), 1);
+  EXPECT_EQ(R.ReadU8(), 2);
+  TReadOnlyMemoryStream Empty(nullptr, 10);  // no memory: no bytes
+  EXPECT_EQ(Empty.GetSize(), 0);
 
   // Partial transfers are continued until done or until nothing moves.
   TTrickleStream T("0123456789", 3, 7);
@@ -126,9 +134,9 @@ TEST(Streams, LittleEndianHelpersAreByteExact) {
   M.WriteF32(1.5f);
   M.WriteF64(-2.25);
   M.WriteI16LE(-300);
-  const Bytes Expected = {0xAB, 0x34, 0x12, 0xFE, 0xFF, 0xFF, 0xFF, 0x08, 0x07, 0x06, 0x05,
-                          0x04, 0x03, 0x02, 0x01, 0x00, 0x00, 0xC0, 0x3F, 0x00, 0x00, 0x00,
-                          0x00, 0x00, 0x00, 0x02, 0xC0, 0xD4, 0xFE};
+  const Bytes Expected = {0xAB, 0x34, 0x12, 0xFE, 0xFF, 0xFF, 0xFF, 0x08, 0x07, 0x06,
+                          0x05, 0x04, 0x03, 0x02, 0x01, 0x00, 0x00, 0xC0, 0x3F, 0x00,
+                          0x00, 0x00, 0x00, 0x00, 0x00, 0x02, 0xC0, 0xD4, 0xFE};
   auto* P = static_cast<const uint8_t*>(M.Memory());
   EXPECT_EQ(Bytes(P, P + M.GetSize()), Expected);
 
@@ -285,22 +293,10 @@ TEST(MemoryStream, LoadAndSave) {
   EXPECT_EQ(Text(M), std::string("a\0b\xff", 4));
 }
 
-TEST(MemoryStream, ReadOnlyViewOverForeignMemory) {
-  const uint8_t Data[] = {0x10, 0x20, 0x30, 0x40, 0x50};
-  TReadOnlyMemoryStream R(Data, 5);
-  EXPECT_EQ(R.Memory(), Data);
-  EXPECT_EQ(R.ReadU16LE(), 0x2010);
-  EXPECT_EQ(R.Seek(-1, soEnd), 4);
-  EXPECT_EQ(R.ReadU8(), 0x50);
-  EXPECT_EQ(R.Write(Data, 1), 0);
-  TReadOnlyMemoryStream Empty(nullptr, 10);  // no memory: no bytes
-  EXPECT_EQ(Empty.GetSize(), 0);
-}
-
 // ---------------------------------------------------------------------------
 // String streams
 
-TEST(StringStream, WritesReplaceTheTailAtThePosition) {
+TEST(StringStream, WritesReplaceTheTailSeeksClamp) {
   TStringStream S("Hello, world");
   S.SetPosition(7);
   S.WriteString("there");
@@ -319,20 +315,19 @@ TEST(StringStream, WritesReplaceTheTailAtThePosition) {
   TStringStream B;
   B.WriteU32LE(0x00FF0041);
   EXPECT_EQ(B.DataString(), std::string("A\0\xff\0", 4));
-}
 
-TEST(StringStream, SeekClampsReadStringAndSetSize) {
-  TStringStream S("abcdef");
-  EXPECT_EQ(S.Seek(-2, soEnd), 4);
-  EXPECT_EQ(S.ReadString(10), "ef");
-  EXPECT_EQ(S.Seek(-100, soCurrent), 0);
-  EXPECT_EQ(S.Seek(INT64_MIN, soEnd), 0);
-  EXPECT_EQ(S.Seek(INT64_MAX, soEnd), 6);
-  S.SetSize(8);
-  EXPECT_EQ(S.DataString(), std::string("abcdef\0\0", 8));
-  S.SetPosition(8);
-  S.SetSize(2);
-  EXPECT_EQ(S.GetPosition(), 2);
+  // Seeks are clamped to the content; SetSize pads with zeros.
+  TStringStream C("abcdef");
+  EXPECT_EQ(C.Seek(-2, soEnd), 4);
+  EXPECT_EQ(C.ReadString(10), "ef");
+  EXPECT_EQ(C.Seek(-100, soCurrent), 0);
+  EXPECT_EQ(C.Seek(INT64_MIN, soEnd), 0);
+  EXPECT_EQ(C.Seek(INT64_MAX, soEnd), 6);
+  C.SetSize(8);
+  EXPECT_EQ(C.DataString(), std::string("abcdef\0\0", 8));
+  C.SetPosition(8);
+  C.SetSize(2);
+  EXPECT_EQ(C.GetPosition(), 2);
 }
 
 // ---------------------------------------------------------------------------
@@ -391,7 +386,10 @@ TEST_F(StreamFiles, RoundTripSizesAndRights) {
     EXPECT_EQ(Big.Seek(-1, soEnd), (5LL << 30) - 1);
     Big.SetSize(0);
   }
-  { TFileStream W(Path("a.bin"), fmOpenWrite); W.WriteBuffer("AB", 2); }
+  {
+    TFileStream W(Path("a.bin"), fmOpenWrite);
+    W.WriteBuffer("AB", 2);
+  }
   EXPECT_EQ(Get("a.bin"), std::string("AB!\0\0", 5));  // overwritten in place
   { TFileStream C(Path("a.bin"), fmCreate); }
   EXPECT_EQ(Get("a.bin"), "");  // fmCreate truncates
@@ -404,8 +402,8 @@ TEST_F(StreamFiles, RoundTripSizesAndRights) {
 
 TEST_F(StreamFiles, OpenAndCreateFailuresNameTheFile) {
   const std::string Missing = Path("missing.dat"), NoDir = Path("no/dir.dat");
-  ExpectRaise<EFOpenError>([&] { TFileStream F(Missing, fmOpenRead); }, "Cannot open file " + Missing,
-                           "EFOpenError");
+  ExpectRaise<EFOpenError>([&] { TFileStream F(Missing, fmOpenRead); },
+                           "Cannot open file " + Missing, "EFOpenError");
   ExpectRaise<EFCreateError>([&] { TFileStream F(NoDir, fmCreate); }, "Cannot create file " + NoDir,
                              "EFCreateError");
   ExpectRaise<EFOpenError>([&] { TFileStream F(Dir, fmOpenRead | fmShareDenyNone); },
@@ -444,7 +442,8 @@ TEST_F(StreamFiles, ShareModesRefuseEachOtherAsOnWindows) {
     if (C.Admitted)
       EXPECT_NO_THROW((TFileStream{F, C.Second}));
     else
-      ExpectRaise<EFOpenError>([&] { TFileStream S(F, C.Second); }, "Cannot open file " + F, "EFOpenError");
+      ExpectRaise<EFOpenError>([&] { TFileStream S(F, C.Second); }, "Cannot open file " + F,
+                               "EFOpenError");
   }
   // The lock goes with the stream.
   auto* Held = new TFileStream(F, RW | fmShareExclusive);

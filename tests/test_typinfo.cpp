@@ -347,30 +347,20 @@ TEST(TypeInfo, DefaultsAndStoredSpecifiers) {
   // Ordinals are default at their declared default; without one only the
   // marker value itself counts. Floats, strings, int64 and variants are
   // default when zero or empty, whatever was declared; other kinds never.
-  const struct {
-    std::function<void()> Set;
-    const char* Name;
-    bool Default;
-  } Cases[] = {
-      {[&] { S.Int = 5; }, "Int", true},
-      {[&] { S.Int = 0; }, "Int", false},
-      {[&] { S.Int = INT32_MIN; }, "Int", false},
-      {[] {}, "Small8", false},
-      {[] {}, "Dbl", true},
-      {[&] { S.Dbl = -0.0; }, "Dbl", true},
-      {[] {}, "Long", true},
-      {[] {}, "Short", true},
-      {[] {}, "Big", true},
-      {[] {}, "Var", true},
-      {[&] { S.Var = Variant::Null(); }, "Var", false},
-      {[] {}, "Wide", false},
-      {[] {}, "Shades", false},
-      {[] {}, "Ch", false},
-  };
-  for (const auto& C : Cases) {
-    C.Set();
-    EXPECT_EQ(IsDefaultPropValue(&S, GetPropInfo(&S, C.Name)), C.Default) << C.Name;
+  auto IsDefault = [&](const char* Name) { return IsDefaultPropValue(&S, GetPropInfo(&S, Name)); };
+  for (const char* Name : {"Small8", "Wide", "Shades", "Ch"}) EXPECT_FALSE(IsDefault(Name)) << Name;
+  for (const char* Name : {"Dbl", "Long", "Short", "Big", "Var"})
+    EXPECT_TRUE(IsDefault(Name)) << Name;
+  for (int32_t V : {0, INT32_MIN}) {
+    S.Int = V;
+    EXPECT_FALSE(IsDefault("Int")) << V;
   }
+  S.Int = 5;
+  EXPECT_TRUE(IsDefault("Int"));
+  S.Dbl = -0.0;
+  EXPECT_TRUE(IsDefault("Dbl"));
+  S.Var = Variant::Null();
+  EXPECT_FALSE(IsDefault("Var"));
 
   // Stored: constant, field and method.
   EXPECT_FALSE(IsStoredProp(&S, "ReadOnly"));
