@@ -289,6 +289,26 @@ TEST(Messages, SendMessageAcrossThreadsWaitsForTheOwner) {
   DeallocateHWnd(MainWnd);
 }
 
+// The main thread has not asked for messages yet, so it has no queue of its
+// own; it still serves the Synchronize request of the handler it waits for.
+TEST(Messages, MainThreadWithoutAQueueServesSynchronizeWhileItSends) {
+  TReceiver R;
+  std::atomic<HWND> W{0};
+  std::atomic<DWORD> Tid{0};
+  std::thread Worker([&] {
+    W = AllocateHWnd(&R);
+    Tid = GetCurrentThreadId();
+    TMsg M;
+    while (GetMessage(&M, 0, 0, 0) > 0) DispatchMessage(&M);
+    DeallocateHWnd(W);
+  });
+  while (!Tid) std::this_thread::yield();
+  EXPECT_EQ(SendMessage(W, WM_SYNC, 0, 0), 5);
+  EXPECT_EQ(R.SyncedOn, MainThreadID());
+  PostThreadMessage(Tid, WM_QUIT, 0, 0);
+  Worker.join();
+}
+
 // A window of another thread is neither dispatched here nor served while
 // its owner does not pump; a send to it returns 0 once the owner is gone.
 TEST(Messages, OtherThreadsWindowsAreNotDispatchedHereAndSendsEndWithTheOwner) {
