@@ -31,10 +31,10 @@ pkg_check_modules(SQLITE3 REQUIRED IMPORTED_TARGET GLOBAL sqlite3)
 list(APPEND VEL_PRIVATE_LIBS PkgConfig::SQLITE3)
 list(APPEND VEL_PC_REQUIRES_PRIVATE sqlite3)
 
-# Crypto++ (libcrypto++-dev): the CAST-256 block function of file encryption.
+# Crypto++ (libcrypto++-dev): the CAST-256 block function of file encryption,
+# linked into the module the library loads at the first cipher, not into the
+# library itself.
 pkg_check_modules(CRYPTOPP REQUIRED IMPORTED_TARGET GLOBAL libcrypto++)
-list(APPEND VEL_PRIVATE_LIBS PkgConfig::CRYPTOPP)
-list(APPEND VEL_PC_REQUIRES_PRIVATE libcrypto++)
 
 # SOCI (libsoci-dev): the database connection. Debian ships neither a CMake
 # package nor a pkg-config file for it, so the core and the backends the

@@ -52,6 +52,7 @@ set(SoName "libvelclasses.so.${VEL_SOVERSION}")
 string(REPLACE "." "\\." SoNameRegex "${SoName}")
 foreach(Rel
     "${VEL_LIBDIR}/${RealName}"
+    "${VEL_LIBDIR}/libvelclasses-cast256.so.${VEL_SOVERSION}"
     "${VEL_INCLUDEDIR}/vel/Export.h"
     "${VEL_INCLUDEDIR}/vel/rtl/System.h"
     "${VEL_LIBDIR}/cmake/VelClasses/VelClassesConfig.cmake"

@@ -4,8 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cryptopp/cast.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -15,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "storage/Cast256Module.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/System.h"
@@ -24,11 +23,17 @@ namespace vel {
 // ---------------------------------------------------------------------------
 // TCast256Cipher
 
+// The key schedules live in the CAST-256 module, loaded by the first Init.
 struct TCast256Cipher::TImpl {
-  CryptoPP::CAST256::Encryption Enc;
-  CryptoPP::CAST256::Decryption Dec;
+  const TCast256Module* M = nullptr;
+  void* Schedules = nullptr;
   alignas(16) uint8_t IV[16] = {};
   alignas(16) uint8_t CV[16] = {};
+  ~TImpl() {
+    if (Schedules) M->Free(Schedules);
+  }
+  void Encrypt(const uint8_t* In, uint8_t* Out) const { M->Encrypt(Schedules, In, Out); }
+  void Encrypt(uint8_t* InOut) const { M->Encrypt(Schedules, InOut, InOut); }
 };
 
 namespace {
@@ -49,15 +54,20 @@ void SecureZero(void* P, size_t N) {
 // Prev being the cipher block before In[0]. Works from the last block back
 // so that an in-place run still reads every cipher block before it is
 // overwritten.
-void DecryptBlocksBackwards(const CryptoPP::CAST256::Decryption& Dec, const uint8_t* In,
+void DecryptBlocksBackwards(const TCast256Module& M, const void* Schedules, const uint8_t* In,
                             uint8_t* Out, size_t Blocks, const uint8_t* Prev) {
   for (size_t I = Blocks; I-- > 1;) {
-    Dec.ProcessAndXorBlock(In + I * KBlock, In + (I - 1) * KBlock, Out + I * KBlock);
+    M.DecryptXor(Schedules, In + I * KBlock, In + (I - 1) * KBlock, Out + I * KBlock);
   }
-  if (Blocks > 0) Dec.ProcessAndXorBlock(In, Prev, Out);
+  if (Blocks > 0) M.DecryptXor(Schedules, In, Prev, Out);
 }
 
 }  // namespace
+
+// A cipher that was never given a key has no schedules to run.
+void CheckKeyed(const void* Schedules) {
+  if (!Schedules) throw EInvalidOperation("CAST-256 cipher used before Init");
+}
 
 TCast256Cipher::TCast256Cipher() : F(new TImpl) {}
 
@@ -71,11 +81,14 @@ void TCast256Cipher::Init(const void* Key, int KeySizeBits) {
   }
   const auto* K = static_cast<const uint8_t*>(Key);
   const size_t Bytes = static_cast<size_t>(KeySizeBits / 8);
-  F->Enc.SetKey(K, Bytes);
-  F->Dec.SetKey(K, Bytes);
+  if (!F->Schedules) {
+    F->M = &Cast256Module();
+    F->Schedules = F->M->New();
+  }
+  F->M->SetKey(F->Schedules, K, Bytes);
   // No initialisation vector given: the vector is E(0).
   std::memset(F->IV, 0, KBlock);
-  F->Enc.ProcessBlock(F->IV);
+  F->Encrypt(F->IV);
   std::memcpy(F->CV, F->IV, KBlock);
   FInitialized = true;
 }
@@ -91,39 +104,42 @@ void TCast256Cipher::Burn() {
   if (FInitialized) {
     // Overwrite the key schedules with those of an all-zero key.
     const uint8_t Zero[32] = {};
-    F->Enc.SetKey(Zero, sizeof Zero);
-    F->Dec.SetKey(Zero, sizeof Zero);
+    F->M->SetKey(F->Schedules, Zero, sizeof Zero);
   }
   FInitialized = false;
 }
 
 void TCast256Cipher::EncryptECB(const void* In, void* Out) {
-  F->Enc.ProcessBlock(static_cast<const uint8_t*>(In), static_cast<uint8_t*>(Out));
+  CheckKeyed(F->Schedules);
+  F->Encrypt(static_cast<const uint8_t*>(In), static_cast<uint8_t*>(Out));
 }
 
 void TCast256Cipher::DecryptECB(const void* In, void* Out) {
-  F->Dec.ProcessBlock(static_cast<const uint8_t*>(In), static_cast<uint8_t*>(Out));
+  CheckKeyed(F->Schedules);
+  F->M->Decrypt(F->Schedules, static_cast<const uint8_t*>(In), static_cast<uint8_t*>(Out));
 }
 
 void TCast256Cipher::Encrypt(const void* InData, void* OutData, size_t Size) {
+  CheckKeyed(F->Schedules);
   const auto* In = static_cast<const uint8_t*>(InData);
   auto* Out = static_cast<uint8_t*>(OutData);
   uint8_t* CV = F->CV;
   const size_t Blocks = Size / KBlock;
   for (size_t I = 0; I < Blocks; ++I) {
     XorBlock(CV, CV, In);
-    F->Enc.ProcessBlock(CV);
+    F->Encrypt(CV);
     std::memcpy(Out, CV, KBlock);
     In += KBlock;
     Out += KBlock;
   }
   if (const size_t Rest = Size % KBlock) {
-    F->Enc.ProcessBlock(CV);
+    F->Encrypt(CV);
     XorBlock(Out, In, CV, Rest);
   }
 }
 
 void TCast256Cipher::Decrypt(const void* InData, void* OutData, size_t Size) {
+  CheckKeyed(F->Schedules);
   const auto* In = static_cast<const uint8_t*>(InData);
   auto* Out = static_cast<uint8_t*>(OutData);
   const size_t Blocks = Size / KBlock;
@@ -137,24 +153,26 @@ void TCast256Cipher::Decrypt(const void* InData, void* OutData, size_t Size) {
       const size_t Half = Blocks / 2;
       uint8_t Mid[KBlock];
       std::memcpy(Mid, In + (Half - 1) * KBlock, KBlock);
-      const CryptoPP::CAST256::Decryption& Dec = F->Dec;
+      const TCast256Module& M = *F->M;
+      const void* Schedules = F->Schedules;
       std::thread Second([&] {
-        DecryptBlocksBackwards(Dec, In + Half * KBlock, Out + Half * KBlock, Blocks - Half, Mid);
+        DecryptBlocksBackwards(M, Schedules, In + Half * KBlock, Out + Half * KBlock,
+                               Blocks - Half, Mid);
       });
       try {
-        DecryptBlocksBackwards(Dec, In, Out, Half, First);
+        DecryptBlocksBackwards(M, Schedules, In, Out, Half, First);
       } catch (...) {
         Second.join();
         throw;
       }
       Second.join();
     } else {
-      DecryptBlocksBackwards(F->Dec, In, Out, Blocks, First);
+      DecryptBlocksBackwards(*F->M, F->Schedules, In, Out, Blocks, First);
     }
     std::memcpy(F->CV, Last, KBlock);
   }
   if (const size_t Rest = Size % KBlock) {
-    F->Enc.ProcessBlock(F->CV);
+    F->Encrypt(F->CV);
     XorBlock(Out + Blocks * KBlock, In + Blocks * KBlock, F->CV, Rest);
   }
 }

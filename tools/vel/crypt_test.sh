@@ -40,4 +40,15 @@ err=$("$VEL" crypt encrypt "$DIR/report.doc" --pass-file "$DIR/pass" 2>&1 >/dev/
 [ $st -eq 2 ] || fail "unwritable output status $st"
 case $err in *"Encryption was unsuccessful...Reason: File access denied"*) ;; *) fail "failure message '$err'" ;; esac
 [ "$(printf '%s\n' "$err" | grep -c .)" -eq 1 ] || fail "failure reported more than once"
+# The cipher lives in a module loaded beside the library: a copy of the
+# library without it gives a clear failure, not a crash.
+LIB=$(ldd "$VEL" | sed -n 's/.*libvelclasses\.so\.[0-9]* => \(.*\) (.*/\1/p')
+if [ -n "$LIB" ]; then
+  mkdir "$DIR/lib" && cp -L "$LIB" "$DIR/lib/" || fail "copying $LIB"
+  err=$(LD_LIBRARY_PATH="$DIR/lib" "$VEL" crypt encrypt "$DIR/report.doc" --keep-name \
+        --pass-file "$DIR/pass" 2>&1 >/dev/null); st=$?
+  [ $st -eq 2 ] || fail "missing module status $st"
+  case $err in *"CAST-256 is not available: libvelclasses-cast256.so."*) ;;
+    *) fail "missing module message '$err'" ;; esac
+fi
 echo "vel crypt: all checks passed"
