@@ -161,6 +161,18 @@ TEST(Cast256, BlockFunctionMatchesRfc2612) {
   }
   TCast256Cipher Cipher;
   EXPECT_THROW(Cipher.Init("0123456789abcdef0123", 168), EInvalidOperation);
+  // A cipher never given a key refuses every block call.
+  uint8_t Block[16] = {};
+  for (auto Call : {&TCast256Cipher::EncryptECB, &TCast256Cipher::DecryptECB}) {
+    try {
+      (Cipher.*Call)(Block, Block);
+      ADD_FAILURE() << "no exception";
+    } catch (const EInvalidOperation& E) {
+      EXPECT_EQ(E.Message(), "CAST-256 cipher used before Init");
+    }
+  }
+  EXPECT_THROW(Cipher.Encrypt(Block, Block, 16), EInvalidOperation);
+  EXPECT_THROW(Cipher.Decrypt(Block, Block, 16), EInvalidOperation);
 }
 
 // One call and 8192-byte pieces in place give the reference's bytes, both
