@@ -101,8 +101,9 @@ TEST_F(PackMan, FailedLoadsAreNotifiedButKeepTheirKeyIndex) {
 }
 
 // Without subscribers nothing is sent, but the last load is still recorded.
+// A listed name in another letter case finds the file (PlugB.bpl) all the same.
 TEST_F(PackMan, RegistryLoadRecordsEveryListedName) {
-  CorvaneRegistry()->Plugins = "PlugA.bpl, \"PlugB.bpl\" PlugA.bpl";
+  CorvaneRegistry()->Plugins = "PlugA.bpl, \"plugb.BPL\" PlugA.bpl";
   TComponent Owner;
   EXPECT_EQ(M->LoadPackageLib("PlugA.bpl"), 1);
   EXPECT_EQ(M->NotifyName() + "#" + std::to_string(M->NotifyIndex()), "PlugA.bpl#1");
@@ -111,7 +112,7 @@ TEST_F(PackMan, RegistryLoadRecordsEveryListedName) {
   std::string Got;
   for (int I = 0; I < 4; ++I)
     Got += M->Package(I)->Name + "#" + std::to_string(M->Package(I)->KeyIndex) + " ";
-  EXPECT_EQ(Got, "PlugA.bpl#1 PlugA.bpl#2 PlugB.bpl#3 PlugA.bpl#4 ");
+  EXPECT_EQ(Got, "PlugA.bpl#1 PlugA.bpl#2 plugb.BPL#3 PlugA.bpl#4 ");
   EXPECT_EQ(M->IndexOfName("pluga.bpl"), 3);
   EXPECT_EQ(M->IndexOfOwner(&Owner), 3);
   EXPECT_EQ(M->IndexOfKeyIndex(3), 2);
