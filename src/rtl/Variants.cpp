@@ -309,8 +309,13 @@ TDateTime Variant::AsDateTime() const { return TDateTime(VariantAccess::ToDate(*
 bool Variant::AsBoolean() const { return VariantAccess::ToBoolean(*this); }
 std::string Variant::AsString() const { return VariantAccess::ToString(*this); }
 
-std::u16string Variant::AsWideString() const {
+std::u16string Variant::AsWideString() const& {
   if (FType == varOleStr) return FWStr;
+  return Cp1252ToWide(VariantAccess::ToString(*this));
+}
+
+std::u16string Variant::AsWideString() && {
+  if (FType == varOleStr) return std::move(FWStr);
   return Cp1252ToWide(VariantAccess::ToString(*this));
 }
 

@@ -155,7 +155,10 @@ class VEL_API Variant {
   TDateTime AsDateTime() const;
   bool AsBoolean() const;
   std::string AsString() const;
-  std::u16string AsWideString() const;
+  std::u16string AsWideString() const&;
+  // A temporary (a field read straight from a data set) gives its wide
+  // string up instead of copying it.
+  std::u16string AsWideString() &&;
 
   explicit operator int32_t() const { return AsInteger(); }
   explicit operator int64_t() const { return AsInt64(); }
