@@ -65,15 +65,25 @@ class TScratch {
   std::string Dir;
 };
 
-// The message of the E that Fn raises, or "(nothing raised)".
+// The message of the E that Fn raises, or "no error".
 template <class E = vel::Exception>
 std::string Raised(const std::function<void()>& Fn) {
   try {
     Fn();
   } catch (const E& X) {
-    return X.what();
+    return X.Message();
   }
-  return "(nothing raised)";
+  return "no error";
+}
+
+// "<class>: <message>" of the library exception Fn raises, or "no error".
+inline std::string ErrorOf(const std::function<void()>& Fn) {
+  try {
+    Fn();
+  } catch (const vel::Exception& E) {
+    return std::string(E.ClassName()) + ": " + E.Message();
+  }
+  return "no error";
 }
 
 // The lines of L joined with "|", to compare a whole list in one step.

@@ -23,15 +23,7 @@ class ScratchDir : public ::testing::Test {
   const std::string& Dir = Scratch.Dir;
 };
 
-// "<class>: <message>" of what F raises, or "<no exception>".
-inline std::string Error(const std::function<void()>& F) {
-  try {
-    F();
-  } catch (const vel::Exception& E) {
-    return std::string(E.ClassName()) + ": " + E.Message();
-  }
-  return "<no exception>";
-}
+using vel_test::ErrorOf;
 
 // The HRESULT of the EOleSysError F raises, S_OK when it raises none.
 inline vel::HRESULT SysErrorCode(const std::function<void()>& F) {

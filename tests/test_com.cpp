@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "vel/rtl/Com.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/Streams.h"
@@ -264,24 +265,21 @@ TEST(Com, InterfaceListHoldsCountedReferences) {
 
 TEST(Com, InterfaceListIndexErrors) {
   IPtr<TInterfaceList> List(new TInterfaceList);
-  auto Message = [](auto F) -> std::string {
-    try {
-      F();
-    } catch (const EListError& E) {
-      return E.Message();
-    }
-    return "no error";
-  };
-  EXPECT_EQ(Message([&] { List->Last(); }), "List index out of bounds (-1)");
-  EXPECT_EQ(Message([&] { List->First(); }), "List index out of bounds (0)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->Last(); }), "List index out of bounds (-1)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->First(); }), "List index out of bounds (0)");
   List->Add(nullptr);
-  EXPECT_EQ(Message([&] { List->Get(1); }), "List index out of bounds (1)");
-  EXPECT_EQ(Message([&] { List->Put(-1, nullptr); }), "List index out of bounds (-1)");
-  EXPECT_EQ(Message([&] { List->Insert(3, nullptr); }), "List index out of bounds (3)");
-  EXPECT_EQ(Message([&] { List->Exchange(0, 5); }), "List index out of bounds (5)");
-  EXPECT_EQ(Message([&] { List->Delete(2); }), "List index out of bounds (2)");
-  EXPECT_EQ(Message([&] { List->SetCount(-1); }), "List count out of bounds (-1)");
-  EXPECT_EQ(Message([&] { List->SetCapacity(0); }), "List capacity out of bounds (0)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->Get(1); }), "List index out of bounds (1)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->Put(-1, nullptr); }),
+            "List index out of bounds (-1)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->Insert(3, nullptr); }),
+            "List index out of bounds (3)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->Exchange(0, 5); }),
+            "List index out of bounds (5)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->Delete(2); }), "List index out of bounds (2)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->SetCount(-1); }),
+            "List count out of bounds (-1)");
+  EXPECT_EQ(vel_test::Raised<EListError>([&] { List->SetCapacity(0); }),
+            "List capacity out of bounds (0)");
   EXPECT_EQ(List->Count(), 1);
 }
 

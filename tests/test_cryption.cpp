@@ -20,7 +20,7 @@
 #include "vel/rtl/SysUtils.h"
 
 using namespace vel;
-using storage_test::Error;
+using storage_test::ErrorOf;
 namespace fs = std::filesystem;
 
 namespace {
@@ -330,9 +330,10 @@ TEST_F(CryptFiles, MissingSourceShowsDialogAndCreatesNothing) {
 
 TEST_F(CryptFiles, FailuresRaiseWithRuntimeTexts) {
   // Decryption: file errors without a dialog.
-  EXPECT_EQ(Error([&] { DecryptFile(Path("gone.enc"), "k", "x"); }), "EInOutError: File not found");
+  EXPECT_EQ(ErrorOf([&] { DecryptFile(Path("gone.enc"), "k", "x"); }),
+            "EInOutError: File not found");
   Put("short.enc", Bytes(31, 'z'));
-  EXPECT_EQ(Error([&] { DecryptFile(Path("short.enc"), "k", "x"); }),
+  EXPECT_EQ(ErrorOf([&] { DecryptFile(Path("short.enc"), "k", "x"); }),
             "EInOutError: Read beyond end of file");
   EXPECT_TRUE(fs::exists(Path("short.x")));
   EXPECT_TRUE(Dialogs.empty());

@@ -42,7 +42,7 @@ class MemoryMap : public storage_test::ScratchDir {
   }
   template <class F>
   static std::string ErrorOf(F&& Fn) {
-    const std::string E = storage_test::Error(Fn);
+    const std::string E = storage_test::ErrorOf(Fn);
     return E.rfind("EMemoryMapFile: ", 0) == 0 ? E.substr(16) : E;
   }
   size_t FdsAtStart = 0;

@@ -114,7 +114,7 @@ TEST(OleStorageNames, FileTimesBecomeLocalDateTimes) {
 
 TEST_F(OleFiles, OpenMissingFile) {
   const std::string Name = Path("missing.stg");
-  EXPECT_EQ(Error([&] { delete TOleRootStorage::Open(Name, 0x12, false); }),
+  EXPECT_EQ(ErrorOf([&] { delete TOleRootStorage::Open(Name, 0x12, false); }),
             "EOleStorageError: Unable to open " + Name + ", file not found");
   EXPECT_FALSE(FileExists(Name));
   std::unique_ptr<TOleRootStorage> R(TOleRootStorage::Open(Name, 0x12, true));
@@ -130,13 +130,13 @@ TEST_F(OleFiles, OpeningElements) {
   auto Root = MakeSample("open.stg");
   IPtr<IStorage> Sub;
   IPtr<IStream> Str;
-  EXPECT_EQ(Error([&] { Root->OpenStorage("No Such/Thing", 0x12, Sub, false); }),
+  EXPECT_EQ(ErrorOf([&] { Root->OpenStorage("No Such/Thing", 0x12, Sub, false); }),
             "EOleStorageError: Open Storage No Such/Thing Failed");
-  EXPECT_EQ(Error([&] { Root->OpenStream("No.Stream", 0x12, Str, false); }),
+  EXPECT_EQ(ErrorOf([&] { Root->OpenStream("No.Stream", 0x12, Str, false); }),
             "EOleStorageError: Open Stream No.Stream Failed");
-  EXPECT_EQ(Error([&] { Root->OpenStorage("Top", 0x12, Sub, false); }),
+  EXPECT_EQ(ErrorOf([&] { Root->OpenStorage("Top", 0x12, Sub, false); }),
             "EOleStorageError: Open Storage Top Failed");
-  EXPECT_EQ(Error([&] { Root->OpenStream("Clients", 0x12, Str, false); }),
+  EXPECT_EQ(ErrorOf([&] { Root->OpenStream("Clients", 0x12, Str, false); }),
             "EOleStorageError: Open Stream Clients Failed");
   Root->OpenStorage("No Such/Thing", 0x12, Sub, true);
   STATSTG St;
@@ -144,7 +144,7 @@ TEST_F(OleFiles, OpeningElements) {
   EXPECT_EQ(St.pwcsName, u"NoSuchThing");
   // Open share-exclusive: the same element cannot be opened twice.
   IPtr<IStorage> Twice;
-  EXPECT_EQ(Error([&] { Root->OpenStorage("NoSuchThing", 0x12, Twice, false); }),
+  EXPECT_EQ(ErrorOf([&] { Root->OpenStorage("NoSuchThing", 0x12, Twice, false); }),
             "EOleStorageError: Open Storage NoSuchThing Failed");
   Root->OpenStream("New.Stream", 0x12, Str, true);
   EXPECT_TRUE(Str);
@@ -276,7 +276,8 @@ TEST_F(OleFiles, ShareExclusiveRefusesOtherProcesses) {
   char C = 0;
   ASSERT_EQ(read(Ready[0], &C, 1), 1);
   ASSERT_EQ(C, 'y');
-  EXPECT_EQ(Error([&] { TOleRootStorage Second(Name, 0x12); }), "EOleSysError: OLE error 80030020");
+  EXPECT_EQ(ErrorOf([&] { TOleRootStorage Second(Name, 0x12); }),
+            "EOleSysError: OLE error 80030020");
   EXPECT_EQ(SysErrorCode([&] { delete TOleRootStorage::Open(Name, 0x10, false); }),
             STG_E_SHAREVIOLATION);
   EXPECT_EQ(SysErrorCode([&] { TOleRootStorage Replace(Name, 0x1012); }), STG_E_SHAREVIOLATION);

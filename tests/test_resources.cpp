@@ -188,7 +188,7 @@ TEST(Resources, FilesThatAreNotModules) {
   };
   EXPECT_EQ(Message(Missing), "Cannot open " + Missing + ": No such file or directory");
   EXPECT_EQ(Message(Text), Text + " is not a valid resource module");
-  EXPECT_EQ(Message(NoRsrc), "(nothing raised)");
+  EXPECT_EQ(Message(NoRsrc), "no error");
   EXPECT_EQ(GetPackageDescription(NoRsrc.c_str()), "");
   EXPECT_THROW(GetPackageDescription(Missing.c_str()), EResourceError);
 }

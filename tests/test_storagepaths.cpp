@@ -97,9 +97,9 @@ TEST_F(StoragePaths, AddDeleteAndSplitting) {
   EXPECT_FALSE(DeletePath(Root.get(), "Clients\\Absent"));
   EXPECT_TRUE(DeletePath(Root.get(), "a"));
   EXPECT_TRUE(DeletePath(Root.get(), "q"));
-  EXPECT_EQ(Error([&] { DeletePath(Root.get(), "Nowhere\\X"); }),
+  EXPECT_EQ(ErrorOf([&] { DeletePath(Root.get(), "Nowhere\\X"); }),
             "EOleStorageError: Open Storage Nowhere Failed");
-  EXPECT_EQ(Error([&] { DeletePath(Root.get(), ""); }),
+  EXPECT_EQ(ErrorOf([&] { DeletePath(Root.get(), ""); }),
             "EStringListError: List index out of bounds (-1)");
   EXPECT_EQ(Tree(), (TNames{"1:Clients"}));
 }
@@ -141,7 +141,7 @@ TEST_F(StoragePaths, StreamCopies) {
   EXPECT_EQ(Read("Data\\Blob"), "XYcdef");
   TStringStream Mid("123456");
   Mid.SetPosition(3);  // Size bytes from the position: too few
-  EXPECT_EQ(Error([&] { WriteStreamByPath(Root.get(), "Data\\Other", &Mid); }),
+  EXPECT_EQ(ErrorOf([&] { WriteStreamByPath(Root.get(), "Data\\Other", &Mid); }),
             "EReadError: Stream read error");
   Write("AtRoot", "12345");
   EXPECT_EQ(Read("AtRoot"), "12345");
@@ -152,9 +152,9 @@ TEST_F(StoragePaths, StreamCopies) {
   LoadStreamByPath(Root.get(), "Data\\Empty", &Target);
   LoadStreamByPath(Root.get(), "AtRoot", &Target);
   EXPECT_EQ(Target.DataString(), "keep12345");
-  EXPECT_EQ(Error([&] { LoadStreamByPath(Root.get(), "Data\\Gone", &Target); }),
+  EXPECT_EQ(ErrorOf([&] { LoadStreamByPath(Root.get(), "Data\\Gone", &Target); }),
             "EOleStorageError: Open Stream Gone Failed");
-  EXPECT_EQ(Error([&] { delete ReadStreamByPath(Root.get(), "Nope\\X", false); }),
+  EXPECT_EQ(ErrorOf([&] { delete ReadStreamByPath(Root.get(), "Nope\\X", false); }),
             "EOleStorageError: Open Storage Nope Failed");
   std::unique_ptr<TStream> R(ReadStreamByPath(Root.get(), "AtRoot", false));
   EXPECT_THROW(R->WriteBuffer("z", 1), Exception);  // opened for reading
@@ -163,19 +163,19 @@ TEST_F(StoragePaths, StreamCopies) {
 TEST_F(StoragePaths, InterfacePathsKeepTheirStoragesOpen) {
   IPtr<IStorage> S;
   IPtr<IStream> T;
-  EXPECT_EQ(Error([&] { StreamByPath(Root->Storage(), "Notes", 0x12, T, true); }),
+  EXPECT_EQ(ErrorOf([&] { StreamByPath(Root->Storage(), "Notes", 0x12, T, true); }),
             "EListError: List index out of bounds (-1)");
-  EXPECT_EQ(Error([&] { StorageByPath(Root->Storage(), "A\\B", 0x12, S, false); }),
+  EXPECT_EQ(ErrorOf([&] { StorageByPath(Root->Storage(), "A\\B", 0x12, S, false); }),
             "EOleStorageError: Open Storage A Failed");
   StreamByPath(Root->Storage(), "A\\B\\Notes", 0x12, T, true);
   ASSERT_TRUE(T);
   T = nullptr;
   // A and B stay open until the next path call.
   IPtr<IStorage> Direct;
-  EXPECT_EQ(Error([&] { Root->OpenStorage("A", 0x12, Direct, false); }),
+  EXPECT_EQ(ErrorOf([&] { Root->OpenStorage("A", 0x12, Direct, false); }),
             "EOleStorageError: Open Storage A Failed");
   // An empty path clears the list before it fails, which lets them go.
-  EXPECT_EQ(Error([&] { StorageByPath(Root->Storage(), "", 0x12, S, true); }),
+  EXPECT_EQ(ErrorOf([&] { StorageByPath(Root->Storage(), "", 0x12, S, true); }),
             "EListError: List index out of bounds (-1)");
   StreamByName(Root->Storage(), "RootStream", 0x12, T, true);
   T = nullptr;
@@ -200,7 +200,7 @@ TEST_F(StoragePaths, StringListsAndComponents) {
   WriteComponentToStream(Root->Storage(), "Direct", &D);
   ReadComponentFromStream(Root->Storage(), "Direct", &Back, false);
   EXPECT_EQ(Lines(*Back.Strings()), Lines(Out));
-  EXPECT_EQ(Error([&] { ReadComponentFromStream(Root->Storage(), "None", &Back, false); }),
+  EXPECT_EQ(ErrorOf([&] { ReadComponentFromStream(Root->Storage(), "None", &Back, false); }),
             "EOleStorageError: Open Stream None Failed");
 }
 
@@ -230,7 +230,7 @@ TEST_F(StoragePaths, DisplayFileStructure) {
   EXPECT_EQ(D->Calls, Expected);
   const std::string Plain = Dir + "/plain.txt";
   TFileStream(Plain, fmCreate).WriteBuffer("not a compound file, just some text", 35);
-  EXPECT_EQ(Error([&] { DisplayFileStructure(Plain, D.get()); }),
+  EXPECT_EQ(ErrorOf([&] { DisplayFileStructure(Plain, D.get()); }),
             "EOleStorageError: " + Plain + " is not a structured storage file.");
   Root.reset();
   D->Calls.clear();

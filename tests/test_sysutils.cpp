@@ -22,16 +22,6 @@ using namespace vel;
 
 namespace {
 
-template <class F>
-std::string MessageOf(F&& Fn) {
-  try {
-    Fn();
-  } catch (const EConvertError& E) {
-    return E.Message();
-  }
-  return "<no exception>";
-}
-
 uint64_t DoubleBits(double D) {
   return std::bit_cast<uint64_t>(D);
 }
@@ -83,10 +73,10 @@ TEST(Format, FloatDirectives) {
 
 TEST(Format, MismatchesRaiseWithTheWholeFormat) {
   const std::string Expected = "Format '%d items' invalid or incompatible with argument";
-  EXPECT_EQ(MessageOf([] { Format("%d items", {"x"}); }), Expected);
-  EXPECT_EQ(MessageOf([] { Format("%d items", {}); }), Expected);
-  EXPECT_EQ(MessageOf([] { Format("%d items", {1.5}); }), Expected);
-  EXPECT_EQ(MessageOf([] { Format("%s", {1}); }),
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { Format("%d items", {"x"}); }), Expected);
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { Format("%d items", {}); }), Expected);
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { Format("%d items", {1.5}); }), Expected);
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { Format("%s", {1}); }),
             "Format '%s' invalid or incompatible with argument");
   for (const char* F : {"%s %s", "%", "%5", "%.s", "%q", "%x", "%f", "%p", "%*d", "%2:s",
                         "%999999999d", "%1:", "%-"}) {
@@ -123,8 +113,10 @@ TEST(IntegerText, ReadingAndWriting) {
     EXPECT_EQ(StrToIntDef(Bad, -7), -7);
   }
   EXPECT_FALSE(StrToInt64Def("9223372036854775808", 0) != 0);
-  EXPECT_EQ(MessageOf([] { StrToInt("12x"); }), "'12x' is not a valid integer value");
-  EXPECT_EQ(MessageOf([] { StrToInt64("abc"); }), "'abc' is not a valid integer value");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { StrToInt("12x"); }),
+            "'12x' is not a valid integer value");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { StrToInt64("abc"); }),
+            "'abc' is not a valid integer value");
 
   EXPECT_EQ(IntToStr(0), "0");
   EXPECT_EQ(IntToStr(INT64_MIN), "-9223372036854775808");
@@ -228,7 +220,8 @@ TEST(FloatText, Reading) {
   EXPECT_FALSE(TryStrToFloat("1e400", D));  // out of double range
   EXPECT_EQ(StrToFloat("1e400"), 1e400L);   // but fine as Extended
   EXPECT_EQ(StrToFloatDef("x", 2.5), 2.5L);
-  EXPECT_EQ(MessageOf([] { StrToFloat("1,5"); }), "'1,5' is not a valid floating point value");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { StrToFloat("1,5"); }),
+            "'1,5' is not a valid floating point value");
 }
 
 // Switches LC_NUMERIC to a locale with a decimal comma, compiling one into
@@ -314,7 +307,8 @@ TEST(CurrencyText, ExactBothWays) {
     Currency C;
     EXPECT_FALSE(TryStrToCurr(Bad, C));
   }
-  EXPECT_EQ(MessageOf([] { StrToCurr("x1"); }), "'x1' is not a valid floating point value");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { StrToCurr("x1"); }),
+            "'x1' is not a valid floating point value");
 }
 
 // ---------------------------------------------------------------------------
@@ -437,8 +431,10 @@ TEST(Dates, LeapYearsAndInvalidArguments) {
     TDateTime Out;
     EXPECT_FALSE(TryEncodeDate(Y, M, D, Out));
   }
-  EXPECT_EQ(MessageOf([] { EncodeDate(2003, 2, 29); }), "Invalid argument to date encode");
-  EXPECT_EQ(MessageOf([] { EncodeTime(24, 0, 0, 0); }), "Invalid argument to time encode");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { EncodeDate(2003, 2, 29); }),
+            "Invalid argument to date encode");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { EncodeTime(24, 0, 0, 0); }),
+            "Invalid argument to time encode");
   for (auto [N, S, Ms] : {std::tuple{60, 0, 0}, {0, 60, 0}, {0, 0, 1000}}) {
     EXPECT_THROW(EncodeTime(1, N, S, Ms), EConvertError);
   }
@@ -508,9 +504,10 @@ TEST(Dates, ReadingText) {
     TDateTime Out;
     EXPECT_FALSE(TryStrToDateTime(Bad, Out));
   }
-  EXPECT_EQ(MessageOf([] { StrToDate("x"); }), "'x' is not a valid date");
-  EXPECT_EQ(MessageOf([] { StrToTime("25:00"); }), "'25:00' is not a valid time");
-  EXPECT_EQ(MessageOf([] { StrToDateTime("1/1/2000 x"); }),
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { StrToDate("x"); }), "'x' is not a valid date");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { StrToTime("25:00"); }),
+            "'25:00' is not a valid time");
+  EXPECT_EQ(vel_test::Raised<EConvertError>([] { StrToDateTime("1/1/2000 x"); }),
             "'1/1/2000 x' is not a valid date and time");
   EXPECT_THROW(StrToDate("04/07/2003 10:00"), EConvertError);
 
@@ -627,7 +624,9 @@ TEST(Cp1252, AllBytesRoundTrip) {
             u"\u008D\u017D\u008F\u0090\u2018\u2019\u201C\u201D\u2022\u2013\u2014\u02DC\u2122"
             u"\u0161\u203A\u0153\u009D\u017E\u0178");
   for (int C = 0; C < 256; ++C) {
-    if (C < 0x80 || C > 0x9F) ASSERT_EQ(W[C], C);
+    if (C < 0x80 || C > 0x9F) {
+      ASSERT_EQ(W[C], C);
+    }
   }
   EXPECT_EQ(WideToCp1252(W), All);
   const std::string U = Cp1252ToUtf8(All);

@@ -7,6 +7,7 @@
 #include <locale>
 
 #include "StreamTestClasses.h"
+#include "TestSupport.h"
 #include "vel/StreamClasses.h"
 #include "vel/rtl/Graphics.h"
 #include "vel/rtl/SysUtils.h"
@@ -160,15 +161,7 @@ std::string Lines(TObject* Obj, int BoolRow = 0, bool Quote = true) {
   });
 }
 
-template <class F>
-std::string ErrorOf(F&& Fn) {
-  try {
-    Fn();
-  } catch (const Exception& E) {
-    return std::string(E.ClassName()) + ": " + E.what();
-  }
-  return "no error";
-}
+using vel_test::ErrorOf;
 
 struct FormFixture {
   TMyForm Form;

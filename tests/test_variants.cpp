@@ -4,24 +4,11 @@
 #include <cstring>
 #include <string>
 
+#include "TestSupport.h"
 #include "vel/rtl/SysUtils.h"
 #include "vel/rtl/Variants.h"
 
 using namespace vel;
-
-namespace {
-
-template <class E, class F>
-std::string MessageOf(F&& Fn) {
-  try {
-    Fn();
-  } catch (const E& X) {
-    return X.Message();
-  }
-  return "<no exception>";
-}
-
-}  // namespace
 
 TEST(Variant, TypeCodesOfConstructors) {
   EXPECT_EQ(VarType(Variant()), varEmpty);
@@ -69,7 +56,7 @@ TEST(Variant, ToStringConversions) {
   EXPECT_EQ(Variant(u"\u20ACx").AsString(), "\x80x");
   EXPECT_EQ(Variant("\x80x").AsWideString(), u"\u20ACx");
   // Null has no text of its own.
-  EXPECT_EQ(MessageOf<EVariantTypeCastError>([] { Variant::Null().AsString(); }),
+  EXPECT_EQ(vel_test::Raised<EVariantTypeCastError>([] { Variant::Null().AsString(); }),
             "Invalid variant type conversion");
 }
 
@@ -100,7 +87,7 @@ TEST(Variant, NumericConversions) {
 
   for (const char* Bad : {"abc", "", "1x", "True"}) {
     SCOPED_TRACE(Bad);
-    EXPECT_EQ(MessageOf<EVariantTypeCastError>([&] { Variant(Bad).AsInteger(); }),
+    EXPECT_EQ(vel_test::Raised<EVariantTypeCastError>([&] { Variant(Bad).AsInteger(); }),
               "Invalid variant type conversion");
   }
   EXPECT_THROW(Variant("abc").AsDouble(), EVariantError);
@@ -110,7 +97,7 @@ TEST(Variant, NumericConversions) {
   EXPECT_THROW(Variant::Null().AsInteger(), EVariantTypeCastError);
   EXPECT_THROW(VarArrayCreate({0, 1}, varByte).AsInteger(), EVariantTypeCastError);
 
-  EXPECT_EQ(MessageOf<EVariantOverflowError>([] { Variant(int64_t(1) << 40).AsInteger(); }),
+  EXPECT_EQ(vel_test::Raised<EVariantOverflowError>([] { Variant(int64_t(1) << 40).AsInteger(); }),
             "Overflow while converting variant of type (Int64) into type (Integer)");
   EXPECT_THROW(Variant(1e30).AsInt64(), EVariantOverflowError);
   EXPECT_THROW(Variant(NAN).AsInteger(), EVariantOverflowError);
@@ -132,14 +119,14 @@ TEST(Variant, VarAsType) {
   EXPECT_EQ(VarAsType(Variant(-1), varBoolean).AsBoolean(), true);
   EXPECT_EQ(VarAsType(Variant("1.25"), varCurrency).AsCurrency().Value, 12500);
 
-  EXPECT_EQ(MessageOf<EVariantTypeCastError>([] { VarAsType(Variant("abc"), varInteger); }),
+  EXPECT_EQ(vel_test::Raised<EVariantTypeCastError>([] { VarAsType(Variant("abc"), varInteger); }),
             "Invalid variant type conversion");
   EXPECT_THROW(VarAsType(Variant::Null(), varInteger), EVariantTypeCastError);
   EXPECT_THROW(VarAsType(Variant(5), varDispatch), EVariantTypeCastError);
   EXPECT_THROW(VarAsType(Variant(5), varArray | varByte), EVariantTypeCastError);
-  EXPECT_EQ(MessageOf<EVariantBadVarTypeError>([] { VarAsType(Variant(5), 0x0FF); }),
+  EXPECT_EQ(vel_test::Raised<EVariantBadVarTypeError>([] { VarAsType(Variant(5), 0x0FF); }),
             "Invalid variant type");
-  EXPECT_EQ(MessageOf<EVariantOverflowError>([] { VarAsType(Variant(256), varByte); }),
+  EXPECT_EQ(vel_test::Raised<EVariantOverflowError>([] { VarAsType(Variant(256), varByte); }),
             "Overflow while converting variant of type (Integer) into type (Byte)");
   EXPECT_THROW(VarAsType(Variant(-1), varWord), EVariantOverflowError);
   EXPECT_THROW(VarAsType(Variant(70000), varSmallint), EVariantOverflowError);
@@ -175,7 +162,7 @@ TEST(Variant, Equality) {
   EXPECT_TRUE(Variant(12) == Variant("12.0"));
   EXPECT_TRUE(Variant(u" 1.5") == Variant(1.5));
   EXPECT_FALSE(Variant("13") == Variant(12));
-  EXPECT_EQ(MessageOf<EVariantTypeCastError>([] { (void)(Variant("abc") == Variant(1)); }),
+  EXPECT_EQ(vel_test::Raised<EVariantTypeCastError>([] { (void)(Variant("abc") == Variant(1)); }),
             "Invalid variant type conversion");
   // Booleans are -1 and 0 among numbers, and strings compare as booleans.
   EXPECT_TRUE(Variant(true) == Variant(-1));
@@ -184,8 +171,9 @@ TEST(Variant, Equality) {
   EXPECT_TRUE(Variant(true) == Variant("true"));
   EXPECT_TRUE(Variant("1") == Variant(true));
   EXPECT_TRUE(Variant(true) != Variant(false));
-  EXPECT_EQ(MessageOf<EVariantInvalidOpError>(
-                [] { (void)(VarArrayCreate({0, 0}, varByte) == Variant(1)); }),
+  EXPECT_EQ(vel_test::Raised<EVariantInvalidOpError>([] {
+              (void)(VarArrayCreate({0, 0}, varByte) == Variant(1));
+            }),
             "Invalid variant operation");
 }
 
@@ -261,21 +249,23 @@ TEST(VariantArray, OtherElementTypesAndErrors) {
   VarArrayPut(W, Variant("\x80"), 0);
   EXPECT_EQ(VarArrayGet(W, 0).AsWideString(), u"\u20AC");
 
-  EXPECT_EQ(MessageOf<EVariantBadIndexError>([&] { VarArrayGet(I, 3); }),
+  EXPECT_EQ(vel_test::Raised<EVariantBadIndexError>([&] { VarArrayGet(I, 3); }),
             "Variant or safe array index out of bounds");
   EXPECT_THROW(VarArrayGet(I, -3), EVariantBadIndexError);
   EXPECT_THROW(VarArrayPut(I, Variant(1), INT32_MAX), EVariantBadIndexError);
   EXPECT_THROW(VarArrayHighBound(I, 2), EVariantBadIndexError);
-  EXPECT_EQ(MessageOf<EVariantNotAnArrayError>([] { VarArrayHighBound(Variant(1), 1); }),
+  EXPECT_EQ(vel_test::Raised<EVariantNotAnArrayError>([] { VarArrayHighBound(Variant(1), 1); }),
             "Variant is not an array");
   Variant NotArray(1);
   EXPECT_THROW(VarArrayLock(NotArray), EVariantNotAnArrayError);
   EXPECT_EQ(VarArrayDimCount(NotArray), 0);
-  EXPECT_EQ(MessageOf<EVariantArrayCreateError>([] { VarArrayCreate({0, 1}, varString); }),
+  EXPECT_EQ(vel_test::Raised<EVariantArrayCreateError>([] {
+              VarArrayCreate({0, 1}, varString);
+            }),
             "Error creating variant or safe array");
   EXPECT_THROW(VarArrayCreate({0, 1, 0, 1}, varByte), EVariantArrayCreateError);
   EXPECT_THROW(VarArrayCreate({5, 3}, varByte), EVariantArrayCreateError);
-  EXPECT_EQ(MessageOf<EVariantUnexpectedError>([&] { VarArrayUnlock(I); }),
+  EXPECT_EQ(vel_test::Raised<EVariantUnexpectedError>([&] { VarArrayUnlock(I); }),
             "Unexpected variant error");
 }
 
@@ -284,7 +274,7 @@ TEST(VariantArray, RedimRespectsLocks) {
   VarArrayPut(A, Variant(7), 2);
   VarArrayLock(A);
   VarArrayLock(A);  // locks nest
-  EXPECT_EQ(MessageOf<EVariantArrayLockedError>([&] { VarArrayRedim(A, 5); }),
+  EXPECT_EQ(vel_test::Raised<EVariantArrayLockedError>([&] { VarArrayRedim(A, 5); }),
             "Variant or safe array is locked");
   VarArrayUnlock(A);
   EXPECT_THROW(VarArrayRedim(A, 5), EVariantArrayLockedError);

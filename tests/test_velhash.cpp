@@ -15,7 +15,7 @@
 #include "vel/velHash.h"
 
 using namespace vel;
-using storage_test::Error;
+using storage_test::ErrorOf;
 using TKeys = std::vector<std::string>;
 
 namespace {
@@ -99,12 +99,12 @@ TEST(StringKeyHashTable, KeysValuesAndErrors) {
 
   // 12 and "12" are one key; failures change nothing.
   T.AddItem(12, "twelve");
-  EXPECT_EQ(Error([&] { T.AddItem("12", "again"); }), "EHashError: Hash key already exists");
+  EXPECT_EQ(ErrorOf([&] { T.AddItem("12", "again"); }), "EHashError: Hash key already exists");
   EXPECT_EQ(T.GetValue("12")->Text(), "twelve\r\n");
-  EXPECT_EQ(Error([&] { T.GetValue("missing"); }), "EHashError: Hash key not found");
-  EXPECT_EQ(Error([&] { T.RemoveItem("missing"); }), "EHashError: Hash key not found");
+  EXPECT_EQ(ErrorOf([&] { T.GetValue("missing"); }), "EHashError: Hash key not found");
+  EXPECT_EQ(ErrorOf([&] { T.RemoveItem("missing"); }), "EHashError: Hash key not found");
   for (const int32_t Idx : {-1, 256}) {
-    EXPECT_EQ(Error([&] { T.BucketCountByIdx(Idx); }), "EHashError: Bucket index out of bounds");
+    EXPECT_EQ(ErrorOf([&] { T.BucketCountByIdx(Idx); }), "EHashError: Bucket index out of bounds");
   }
   EXPECT_EQ(T.BucketCountByIdx(255), 0);
   EXPECT_EQ(T.Count(), 3);

@@ -1,7 +1,6 @@
 // Helpers shared by the message, thread, notification and list tests:
 // serving the main thread while waiting (also for the database and COM
-// thread tests), catching an exception's class and
-// text, and collecting the message boxes the application would show.
+// thread tests) and collecting the message boxes the application would show.
 #pragma once
 
 #include <chrono>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
 #include "vel/rtl/Messages.h"
 #include "vel/rtl/SysUtils.h"
 
@@ -38,15 +38,7 @@ inline bool WaitServing(const std::function<bool()>& Done, int Seconds = 60) {
   return true;
 }
 
-// "<class>: <message>" of the library exception F raises, or "no error".
-inline std::string ErrorOf(const std::function<void()>& F) {
-  try {
-    F();
-  } catch (const vel::Exception& E) {
-    return std::string(E.ClassName()) + ": " + E.Message();
-  }
-  return "no error";
-}
+using vel_test::ErrorOf;
 
 // Collects message boxes as "<caption>|<text>|<type>" while it lives.
 struct TDialogLog {
