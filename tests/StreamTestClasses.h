@@ -1,6 +1,6 @@
 // Published classes shared by the streaming tests: a component with a
-// property of every kind the component streams write, and a small component
-// for object lists.
+// property of every kind the component streams write, a small form with a
+// collection, and a small component for object lists.
 #pragma once
 
 #include <string>
@@ -75,6 +75,30 @@ class TEveryKind : public TComponent {
   void HandleClick(TObject*) { ++Clicks; }
   void DefineProperties(TFiler* Filer) override;
   void Loaded() override;
+};
+
+// A form with a caption and a collection of columns, the shape of the
+// text and XML examples.
+class TColumn : public TCollectionItem {
+  VEL_CLASS(TColumn, TCollectionItem)
+ public:
+  explicit TColumn(TCollection* C = nullptr) : TCollectionItem(C) {}
+  int32_t Width = 0;
+};
+
+class TColumns : public TCollection {
+  VEL_CLASS(TColumns, TCollection)
+ public:
+  TColumns() : TCollection(TColumn::StaticClass()) {}
+};
+
+class TMyForm : public TComponent {
+  VEL_CLASS(TMyForm, TComponent)
+ public:
+  explicit TMyForm(TComponent* AOwner = nullptr) : TComponent(AOwner) {}
+  ~TMyForm() override { delete Columns; }
+  std::string Caption;
+  TColumns* Columns = new TColumns;
 };
 
 // A component with one integer property, for object lists.

@@ -96,3 +96,6 @@ VEL_PUBLISHED(TEveryKind, prop("Int", &TEveryKind::Int), prop("Big", &TEveryKind
               prop("OnClick", &TEveryKind::OnClick),
               method<&TEveryKind::HandleClick>("HandleClick"))
 VEL_PUBLISHED(TPart, prop("Size", &TPart::Size).defaults(0))
+VEL_PUBLISHED(TColumn, prop("Width", &TColumn::Width).defaults(0))
+VEL_IMPLEMENT(TColumns)
+VEL_PUBLISHED(TMyForm, prop("Caption", &TMyForm::Caption), prop("Columns", &TMyForm::Columns))

@@ -19,28 +19,6 @@ namespace txt {
 enum TAnchor : uint8_t { akLeft, akTop, akRight, akBottom };
 VEL_ENUM(TAnchor, "akLeft", "akTop", "akRight", "akBottom")
 
-class TColumn : public TCollectionItem {
-  VEL_CLASS(TColumn, TCollectionItem)
- public:
-  explicit TColumn(TCollection* C = nullptr) : TCollectionItem(C) {}
-  int32_t Width = 0;
-};
-
-class TColumns : public TCollection {
-  VEL_CLASS(TColumns, TCollection)
- public:
-  TColumns() : TCollection(TColumn::StaticClass()) {}
-};
-
-class TMyForm : public TComponent {
-  VEL_CLASS(TMyForm, TComponent)
- public:
-  explicit TMyForm(TComponent* AOwner = nullptr) : TComponent(AOwner) {}
-  ~TMyForm() override { delete Columns; }
-  std::string Caption;
-  TColumns* Columns = new TColumns;
-};
-
 // One property of every kind the text form prints differently.
 class TValues : public TPersistent {
   VEL_CLASS(TValues, TPersistent)
@@ -114,11 +92,10 @@ class TDoubleQuotes : public TTextStreamer {
 }  // namespace txt
 
 using namespace txt;
+using stream_test::TColumn;
+using stream_test::TMyForm;
 using stream_test::TPart;
 
-VEL_PUBLISHED(TColumn, prop("Width", &TColumn::Width).defaults(0))
-VEL_IMPLEMENT(TColumns)
-VEL_PUBLISHED(TMyForm, prop("Caption", &TMyForm::Caption), prop("Columns", &TMyForm::Columns))
 VEL_PUBLISHED(TValues, prop("Count", &TValues::Count).defaults(0),
               prop("Flag", &TValues::Flag).defaults(false),
               prop("Anchor", &TValues::Anchor).defaults(akLeft), prop("Anchors", &TValues::Anchors),

@@ -7,34 +7,13 @@
 #include <cstdio>
 
 #include "../bench/holdings.h"
+#include "StreamTestClasses.h"
 #include "vel/StreamClasses.h"
 #include "vel/rtl/SysUtils.h"
 
 using namespace vel;
 
 namespace xmlt {
-
-class TColumn : public TCollectionItem {
-  VEL_CLASS(TColumn, TCollectionItem)
- public:
-  explicit TColumn(TCollection* C = nullptr) : TCollectionItem(C) {}
-  int32_t Width = 0;
-};
-
-class TColumns : public TCollection {
-  VEL_CLASS(TColumns, TCollection)
- public:
-  TColumns() : TCollection(TColumn::StaticClass()) {}
-};
-
-class TMyForm : public TComponent {
-  VEL_CLASS(TMyForm, TComponent)
- public:
-  explicit TMyForm(TComponent* AOwner = nullptr) : TComponent(AOwner) {}
-  ~TMyForm() override { delete Columns; }
-  std::string Caption;
-  TColumns* Columns = new TColumns;
-};
 
 class TFoo : public TPersistent {
   VEL_CLASS(TFoo, TPersistent)
@@ -68,10 +47,9 @@ class TPlainXML : public TXMLStreamer {
 }  // namespace xmlt
 
 using namespace xmlt;
+using stream_test::TColumn;
+using stream_test::TMyForm;
 
-VEL_PUBLISHED(TColumn, prop("Width", &TColumn::Width).defaults(0))
-VEL_IMPLEMENT(TColumns)
-VEL_PUBLISHED(TMyForm, prop("Caption", &TMyForm::Caption), prop("Columns", &TMyForm::Columns))
 VEL_PUBLISHED(TFoo, prop("Odd&Name.1", &TFoo::Odd))
 VEL_PUBLISHED(TMixed, prop("Flag", &TMixed::Flag).defaults(false), prop("When", &TMixed::When),
               prop("Var", &TMixed::Var), prop("Foo", &TMixed::Foo), prop("Notes", &TMixed::Notes),
