@@ -1,7 +1,7 @@
 # Wraps the CMake presets in the few commands a developer needs:
 #   make demo   install missing Debian packages, build, run the example
 #   make test   the same, then the whole test suite
-# Other targets: asan-test, tsan-test, coverage, fuzz-smoke, bench, install, clean.
+# Other targets: asan-test, tsan-test, coverage, coverage-cases, fuzz-smoke, bench, install, clean.
 
 # Debian packages the build needs. Add new build dependencies here (and find
 # them in cmake/VelDependencies.cmake).
@@ -33,7 +33,7 @@ export CCACHE_BASEDIR ?= $(CURDIR)
 export CCACHE_NOHASHDIR ?= 1
 endif
 
-.PHONY: all deps build demo test asan-test tsan-test coverage fuzz-smoke bench install clean
+.PHONY: all deps build demo test asan-test tsan-test coverage coverage-cases fuzz-smoke bench install clean
 
 all: build
 
@@ -128,6 +128,14 @@ coverage: deps
 	  --html-details $(COVERAGE_DIR)/index.html --print-summary
 	@cat $(COVERAGE_DIR)/lines.txt $(COVERAGE_DIR)/branches.txt
 	@echo "coverage: HTML report at $(COVERAGE_DIR)/index.html"
+
+# Runs every test case alone in the coverage tree and lists, in
+# $(COVERAGE_DIR)/cases.tsv, what of src/ each case is the only one to reach;
+# summary.txt names the cases whose code the others reach too.
+coverage-cases: deps
+	$(call configure,coverage,build-coverage)
+	$(CMAKE) --build build-coverage -j$(JOBS)
+	python3 scripts/coverage-cases.py build-coverage $(COVERAGE_DIR) $(JOBS)
 
 fuzz-smoke: deps
 	$(call configure,fuzz,build-fuzz)
